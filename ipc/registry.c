@@ -1,0 +1,174 @@
+/* Part 2.2: handler registry and target tables. */
+#include <assert.h>
+#include <string.h>
+
+#include "ipc/handlers.h"
+#include "ipc/registry.h"
+
+#define ROW(name, handler) { name, handler, { NULL, NULL, NULL, 0 } }
+
+/* Rows answered by ipc_not_built belong to later issues; the README lists them. */
+static ipc_handler_entry info_table[IPC_TABLE_ROWS] = {
+	ROW("p_model", ipc_not_built),
+	ROW("p_description", ipc_not_built),
+	ROW("s_time", ipc_not_built),
+	ROW("s_sysinfo", ipc_not_built),
+	ROW("s_osinfo", ipc_not_built),
+	ROW("s_boardinfo", ipc_not_built),
+	ROW("s_rootfsver", ipc_not_built),
+	ROW("s_waninfo", ipc_not_built),
+	ROW("s_wan_dns", ipc_not_built),
+	ROW("s_wan_gw", ipc_not_built),
+	ROW("s_laninfo", ipc_not_built),
+	ROW("s_logs", ipc_not_built),
+	ROW("s_dhcpleases", ipc_not_built),
+	ROW("s_stalist", ipc_not_built),
+	ROW("s_aplist", ipc_not_built),
+	ROW("s_scanap", ipc_not_built),
+	ROW("s_scanapresult", ipc_not_built),
+	ROW("s_staconninfo", ipc_not_built),
+	ROW("s_routesactive", ipc_not_built),
+	ROW("s_upnplist", ipc_not_built),
+	ROW("wl_radio", ipc_not_built),
+	ROW("ws_state", ipc_not_built),
+	ROW("fwup_status", ipc_not_built),
+	ROW("diskstatus", ipc_not_built),
+	ROW("disk_list", ipc_not_built),
+	ROW("pmd_status", ipc_not_built),
+	ROW("fw_version", ipc_not_built),
+	ROW("sleep_timeout", ipc_not_built),
+	ROW("disk_probe", ipc_not_built),
+	ROW("s_synctasklist", ipc_not_built),
+	ROW("backup_stat", ipc_not_built),
+	ROW("owner_list", ipc_not_built),
+	ROW("sdcard_status", ipc_not_built),
+	ROW("sd_backup_logs", ipc_not_built),
+	ROW("s_wl_channel", ipc_not_built),
+	ROW("s_scantdlsdevice", ipc_not_built),
+	ROW("s_scantdlsdeviceresult", ipc_not_built),
+	ROW("s_tdlsstatus", ipc_not_built),
+	ROW("cutthrough_status", ipc_not_built),
+	ROW("bat_cap", ipc_not_built),
+	ROW("bat_charging", ipc_not_built),
+};
+
+static ipc_handler_entry revalidate_table[IPC_TABLE_ROWS] = {
+	ROW("wan", ipc_not_built),
+	ROW("lan", ipc_not_built),
+	ROW("dhcp", ipc_not_built),
+	ROW("wl", ipc_not_built),
+	ROW("wl_radio", ipc_not_built),
+	ROW("wl_power_save_mode", ipc_not_built),
+	ROW("firewall", ipc_not_built),
+	ROW("upnp", ipc_not_built),
+	ROW("datetime", ipc_not_built),
+	ROW("staticroute", ipc_not_built),
+	ROW("httpd", ipc_not_built),
+	ROW("fw_upgrade", ipc_not_built),
+	ROW("uploadsysconf", ipc_not_built),
+	ROW("factorydefault", ipc_not_built),
+	ROW("reboot", ipc_not_built),
+	ROW("poweroff", ipc_not_built),
+	ROW("video", _revalidate_noop),
+	ROW("video2", _revalidate_noop),
+	ROW("webdav", ipc_not_built),
+	ROW("dlna", ipc_not_built),
+	ROW("ipsec", _revalidate_noop),
+	ROW("fm", ipc_not_built),
+	ROW("usbcharger", ipc_not_built),
+	ROW("firmwareupgrade", ipc_not_built),
+	ROW("pmd", ipc_not_built),
+	ROW("sleep_timeout", ipc_not_built),
+	ROW("thumbnail", _revalidate_noop),
+	ROW("samba", ipc_not_built),
+	ROW("createsynctask", ipc_not_built),
+	ROW("cancelsynctask", ipc_not_built),
+	ROW("disk_unlock", ipc_not_built),
+	ROW("safely_remove", ipc_not_built),
+	ROW("charger_test", ipc_not_built),
+	ROW("tdls", ipc_not_built),
+	ROW("cut_through", ipc_not_built),
+	ROW("wpa", ipc_not_built),
+	ROW("owner_chg", _revalidate_ownerChg),
+	ROW("sd_copy", ipc_not_built),
+	ROW("sync_signal", ipc_not_built),
+	ROW("sys_event", ipc_not_built),
+	ROW("ap_profiles", ipc_not_built),
+};
+
+static struct ipc_handler_index info_index = RB_INITIALIZER(&info_index);
+static struct ipc_handler_index revalidate_index = RB_INITIALIZER(&revalidate_index);
+
+static int
+entry_cmp(const ipc_handler_entry *a, const ipc_handler_entry *b)
+{
+	return strcmp(a->name, b->name);
+}
+
+HX_RB_GENERATE_STATIC(ipc_handler_index, ipc_handler_entry, link, entry_cmp)
+
+static void
+index_load(struct ipc_handler_index *index, ipc_handler_entry *table)
+{
+	ipc_handler_entry *old;
+	size_t i;
+
+	for (i = 0; i < IPC_TABLE_ROWS; i++) {
+		old = RB_INSERT(ipc_handler_index, index, &table[i]);
+		assert(((void *)0) == old);
+		(void)old;
+	}
+}
+
+void
+infos_init(void)
+{
+	index_load(&info_index, info_table);
+}
+
+void
+revalidates_init(void)
+{
+	index_load(&revalidate_index, revalidate_table);
+}
+
+static ipc_handler_entry *
+index_find(struct ipc_handler_index *index, const char *name)
+{
+	ipc_handler_entry find;
+
+	if (name == NULL)
+		return NULL;
+	find.name = name;
+	return RB_FIND(ipc_handler_index, index, &find);
+}
+
+ipc_handler_entry *
+info_find(const char *name)
+{
+	return index_find(&info_index, name);
+}
+
+ipc_handler_entry *
+revalidate_find(const char *name)
+{
+	return index_find(&revalidate_index, name);
+}
+
+const char *
+ipc_not_built(struct json_object *value, struct json_object *reply_arguments, void *deferred)
+{
+	(void)value;
+	(void)reply_arguments;
+	(void)deferred;
+	return "internal error";
+}
+
+const char *
+_revalidate_noop(struct json_object *value, struct json_object *reply_arguments, void *deferred)
+{
+	(void)value;
+	(void)reply_arguments;
+	(void)deferred;
+	return NULL;
+}
