@@ -76,6 +76,7 @@ getsock(const char *path)
 {
 	struct sockaddr_un addr;
 	socklen_t len;
+	size_t n;
 	int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
 
 	if (fd < 0) {
@@ -84,8 +85,9 @@ getsock(const char *path)
 	}
 	memset(&addr, 0, sizeof(addr));
 	addr.sun_family = AF_UNIX;
-	strncpy(addr.sun_path, path, sizeof(addr.sun_path));
-	len = (socklen_t)(strnlen(addr.sun_path, sizeof(addr.sun_path)) + 2);
+	n = strnlen(path, sizeof(addr.sun_path));
+	memcpy(addr.sun_path, path, n);
+	len = (socklen_t)(n + 2);
 	if (len > sizeof(addr))
 		len = sizeof(addr);
 	unlink(path);
