@@ -1,5 +1,4 @@
 /* Part 1.2: client connection server. */
-#include <assert.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdint.h>
@@ -15,6 +14,7 @@
 #include <json-c/json.h>
 
 #include "core/console.h"
+#include "core/hxassert.h"
 #include "core/server.h"
 #include "ipc/ipc.h"
 
@@ -22,11 +22,11 @@
 #define CLIENT_TIMEOUT   60
 #define MIN_REQUEST_SIZE 8
 
-typedef struct client {
+struct client {
 	int fd;
 	struct bufferevent *bev;
 	RB_ENTRY(client) link;
-} client;
+};
 
 RB_HEAD(client_set, client);
 
@@ -36,7 +36,7 @@ static unsigned int debug;
 static struct client_set clients = RB_INITIALIZER(&clients);
 
 static int
-client_cmp(const client *a, const client *b)
+client_cmp(const struct client *a, const struct client *b)
 {
 	uintptr_t x = (uintptr_t)a->bev, y = (uintptr_t)b->bev;
 
@@ -48,7 +48,7 @@ HX_RB_GENERATE_STATIC(client_set, client, link, client_cmp)
 void
 set_event_base(struct event_base *base)
 {
-	assert(NULL == g_base);
+	hx_assert("hxsrvd", ((void *)0) == g_base);
 	g_base = base;
 }
 
@@ -105,7 +105,7 @@ getsock(const char *path)
 static void
 byebye(struct bufferevent *bev, short what, void *arg)
 {
-	client find, *c;
+	struct client find, *client;
 	int fd;
 
 	(void)arg;
@@ -122,29 +122,29 @@ byebye(struct bufferevent *bev, short what, void *arg)
 			gw_console("unknown error on client connection: 0x%x\n", (int)what);
 	}
 	find.bev = bev;
-	c = RB_FIND(client_set, &clients, &find);
-	assert(NULL != c);
-	RB_REMOVE(client_set, &clients, c);
-	fd = c->fd;
+	client = RB_FIND(client_set, &clients, &find);
+	hx_assert("hxsrvd", ((void *)0) != client);
+	RB_REMOVE(client_set, &clients, client);
+	fd = client->fd;
 	bufferevent_free(bev);
 	close(fd);
 	if (debug)
 		printf("*** client %i went bye-bye\n", fd);
-	free(c);
+	free(client);
 }
 
 static void
 ipc_resp_func(struct json_object *response, void *arg)
 {
-	client *c = arg;
+	struct client *client = arg;
 	struct evbuffer *out;
 
-	assert(NULL != c);
+	hx_assert("hxsrvd", ((void *)0) != client);
 	out = evbuffer_new();
 	if (out == NULL)
 		return;
 	evbuffer_add_printf(out, "%s", json_object_to_json_string(response));
-	if (bufferevent_write(c->bev, EVBUFFER_DATA(out), EVBUFFER_LENGTH(out)) != 0)
+	if (bufferevent_write(client->bev, EVBUFFER_DATA(out), EVBUFFER_LENGTH(out)) != 0)
 		gw_console("failed to buffer %i bytes of data for write\n",
 			   (int)EVBUFFER_LENGTH(out));
 	evbuffer_free(out);
@@ -185,7 +185,7 @@ doread(struct bufferevent *bev, void *arg)
 	const char *data;
 	ssize_t r;
 
-	assert(!g_exiting);
+	hx_assert("hxsrvd", !g_exiting);
 	if (input_terminate(input) != 0) {
 		byebye(bev, EVBUFFER_ERROR, arg);
 		return;
@@ -222,7 +222,7 @@ noop(struct bufferevent *bev, void *arg)
 static int
 client_add(int fd)
 {
-	client *c = calloc(1, sizeof(*c)), *old;
+	struct client *c = calloc(1, sizeof(*c)), *old;
 
 	if (c == NULL) {
 		gw_console("failed to allocate %i bytes of memory\n", (int)sizeof(*c));
@@ -240,8 +240,7 @@ client_add(int fd)
 	bufferevent_settimeout(c->bev, CLIENT_TIMEOUT, CLIENT_TIMEOUT);
 	c->fd = fd;
 	old = RB_INSERT(client_set, &clients, c);
-	assert(NULL == old);
-	(void)old;
+	hx_assert_in("hxsrvd", "newclient", ((void *)0) == old);
 	if (debug)
 		printf("*** new client %i\n", fd);
 	bufferevent_enable(c->bev, EV_READ);
@@ -273,7 +272,7 @@ server_listen(int fd)
 	struct event *ev;
 	int flags;
 
-	assert(NULL != g_base);
+	hx_assert("hxsrvd", ((void *)0) != g_base);
 	flags = fcntl(fd, F_GETFL);
 	if (flags < 0) {
 		gw_console("failed to get flags on socket\n");
@@ -301,7 +300,7 @@ server_listen(int fd)
 void
 server_quit(void)
 {
-	client *c, *next;
+	struct client *c, *next;
 
 	if (g_exiting)
 		return;

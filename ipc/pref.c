@@ -1,5 +1,4 @@
 /* Part 2.3: preference get and set (module "ipcimpl"). */
-#include <assert.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -7,6 +6,7 @@
 #include <json-c/json.h>
 
 #include "conf/confdb.h"
+#include "core/hxassert.h"
 #include "core/log.h"
 #include "ipc/handlers.h"
 #include "ipc/registry.h"
@@ -88,7 +88,7 @@ prefGet(struct json_object *arguments, struct json_object *reply_arguments, void
 		puts("Input parameters are NULL.");
 		return "invalid arguments";
 	}
-	assert(idle_data == ((void *)0));
+	hx_assert("ipcimpl", idle_data == ((void *)0));
 	if (!json_object_is_type(arguments, json_type_object)) {
 		puts("Unexpected json type.");
 		return "invalid arguments";
@@ -150,7 +150,7 @@ prefSet(struct json_object *arguments, struct json_object *reply_arguments, void
 		puts("Input parameter is NULL.");
 		return "invalid arguments";
 	}
-	assert(idle_data == ((void *)0));
+	hx_assert("ipcimpl", idle_data == ((void *)0));
 	if (!json_object_is_type(arguments, json_type_object)) {
 		puts("Unexpected json type.");
 		return "invalid arguments";

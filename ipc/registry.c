@@ -1,7 +1,7 @@
 /* Part 2.2: handler registry and target tables. */
-#include <assert.h>
 #include <string.h>
 
+#include "core/hxassert.h"
 #include "ipc/handlers.h"
 #include "ipc/registry.h"
 
@@ -108,28 +108,27 @@ entry_cmp(const ipc_handler_entry *a, const ipc_handler_entry *b)
 HX_RB_GENERATE_STATIC(ipc_handler_index, ipc_handler_entry, link, entry_cmp)
 
 static void
-index_load(struct ipc_handler_index *index, ipc_handler_entry *table)
+index_load(struct ipc_handler_index *index, ipc_handler_entry *table, const char *caller)
 {
 	ipc_handler_entry *old;
 	size_t i;
 
 	for (i = 0; i < IPC_TABLE_ROWS; i++) {
 		old = RB_INSERT(ipc_handler_index, index, &table[i]);
-		assert(((void *)0) == old);
-		(void)old;
+		hx_assert_in("ipcimpl", caller, ((void *)0) == old);
 	}
 }
 
 void
 infos_init(void)
 {
-	index_load(&info_index, info_table);
+	index_load(&info_index, info_table, __func__);
 }
 
 void
 revalidates_init(void)
 {
-	index_load(&revalidate_index, revalidate_table);
+	index_load(&revalidate_index, revalidate_table, __func__);
 }
 
 static ipc_handler_entry *
