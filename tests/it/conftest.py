@@ -17,12 +17,38 @@ def need_root():
         pytest.skip("the device sandbox needs root (namespaces, mounts); run as root")
 
 
+# With HX_VALGRIND=1 every daemon started through start_daemon() runs under
+# valgrind memcheck, and a module fails if any of its logs reports an error
+# or a definite leak.
+VALGRIND_LOGS = "/var/log/hxsim"
+VALGRIND = ["valgrind", "-q", "--leak-check=full", "--show-leak-kinds=definite",
+            "--errors-for-leak-kinds=definite",
+            f"--log-file={VALGRIND_LOGS}/valgrind.%p.log"]
+
+
+def valgrind_findings(sb):
+    """The contents of every non-empty valgrind log of the sandbox."""
+    logs = sb.path(VALGRIND_LOGS)
+    found = []
+    for name in sorted(os.listdir(logs)):
+        if name.startswith("valgrind.") and os.path.getsize(os.path.join(logs, name)):
+            with open(os.path.join(logs, name), errors="replace") as f:
+                found.append(f"{name}:\n{f.read()}")
+    return found
+
+
 @pytest.fixture(scope="module")
 def sandbox():
     need_root()
-    sb = Sandbox().start()
+    valgrind = os.environ.get("HX_VALGRIND") == "1"
+    sb = Sandbox(wrapper=VALGRIND if valgrind else None).start()
     yield sb
-    sb.stop()
+    try:
+        findings = valgrind_findings(sb) if valgrind else []
+    finally:
+        sb.stop()
+    if findings:
+        pytest.fail("valgrind found errors in hxsrvd:\n" + "\n".join(findings))
 
 
 @pytest.fixture(scope="module")

@@ -203,10 +203,13 @@ def test_run_timeout_kills_the_command(sandbox):
 
 @pytest.fixture
 def fake_daemon(sandbox):
+    """A stand-in hxsrvd (a script), never run behind a wrapper such as valgrind."""
+    wrapper, sandbox.wrapper = sandbox.wrapper, []
     sandbox.write(hxsim.BINARIES["hxsrvd"], FAKE_DAEMON, mode=0o755)
     sandbox.remove(hxsim.SOCKET)
     yield
     sandbox.remove(hxsim.BINARIES["hxsrvd"])
+    sandbox.wrapper = wrapper
 
 
 def test_foreground_daemon_plumbing(sandbox, fake_daemon):
