@@ -37,6 +37,22 @@ def valgrind_findings(sb):
     return found
 
 
+SANITIZER_MARKS = ("Sanitizer", "runtime error:")
+
+
+def sanitizer_findings(sb):
+    """Standard error of every daemon of the sandbox that holds an
+    AddressSanitizer, LeakSanitizer or UndefinedBehaviorSanitizer report."""
+    found = []
+    for name in sorted(os.listdir(sb.state)):
+        if name.startswith("hxsrvd-") and name.endswith(".stderr"):
+            with open(os.path.join(sb.state, name), errors="replace") as f:
+                text = f.read()
+            if any(mark in text for mark in SANITIZER_MARKS):
+                found.append(f"{name}:\n{text}")
+    return found
+
+
 @pytest.fixture(scope="module")
 def sandbox():
     need_root()
@@ -44,11 +60,12 @@ def sandbox():
     sb = Sandbox(wrapper=VALGRIND if valgrind else None).start()
     yield sb
     try:
-        findings = valgrind_findings(sb) if valgrind else []
+        findings = sanitizer_findings(sb)
+        findings += valgrind_findings(sb) if valgrind else []
     finally:
         sb.stop()
     if findings:
-        pytest.fail("valgrind found errors in hxsrvd:\n" + "\n".join(findings))
+        pytest.fail("errors reported in hxsrvd:\n" + "\n".join(findings))
 
 
 @pytest.fixture(scope="module")
