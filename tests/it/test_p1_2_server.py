@@ -1,6 +1,9 @@
 """Part 1.2: the connection server, over the real socket of the real daemon."""
 import errno
+import fcntl
 import socket
+import struct
+import termios
 
 import pytest
 
@@ -129,6 +132,23 @@ def test_peer_close_is_silent(daemon, sandbox):
     s.close()
     assert sandbox.request(REQUEST) == REPLY
     assert console_after(sandbox, mark) == ""
+
+
+def test_close_with_unread_reply_is_a_read_error(daemon, sandbox):
+    """Closing a Unix socket with unread data resets the peer (ECONNRESET),
+    which libevent reports as a read error."""
+    mark = sandbox.console()
+    s = sandbox.connect()
+    s.sendall(REQUEST)
+    wait_for(lambda: unread_bytes(s) == len(REPLY))
+    s.close()
+    wait_for(lambda: console_after(sandbox, mark) != "")
+    assert console_after(sandbox, mark) == "read error on client connection\n"
+    assert sandbox.request(REQUEST) == REPLY
+
+
+def unread_bytes(sock):
+    return struct.unpack("i", fcntl.ioctl(sock.fileno(), termios.FIONREAD, b"\0" * 4))[0]
 
 
 def test_many_clients_at_once(daemon, sandbox):
