@@ -3,9 +3,7 @@
  * CGI run it on every call, so it links json-c and nothing else. */
 #include <errno.h>
 #include <getopt.h>
-#include <math.h>
 #include <poll.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -16,6 +14,8 @@
 
 #include <json-c/json.h>
 
+#include "toolutil.h"
+
 #define HXCTL_SOCKET "/var/tmp/socket"
 #define HXCTL_TIMEOUT 30
 #define HXCTL_TIMEOUT_MAX 2000000	/* seconds; keeps milliseconds in an int */
@@ -25,8 +25,11 @@ enum hxctl_status {
 	HXCTL_FAILED = 1,	/* the reply's "result" is not "success" */
 	HXCTL_NO_REPLY = 2,	/* closed or timed out before a complete reply */
 	HXCTL_NO_CONNECTION = 3,	/* the request could not be delivered */
-	HXCTL_USAGE = 64,
+	HXCTL_USAGE = EX_USAGE,	/* 64 */
 };
+
+/* The help lists out of memory under status 3. */
+const int tool_out_of_memory_status = HXCTL_NO_CONNECTION;
 
 struct hxctl_options {
 	const char *socket_path;
@@ -85,64 +88,12 @@ static const char hxctl_help[] =
 	"  3   the request could not be sent: connection failed (or out of memory)\n"
 	"  64  usage error\n";
 
-static int usage_error(const char *format, ...) __attribute__((format(printf, 1, 2)));
-
-static int
-usage_error(const char *format, ...)
-{
-	va_list args;
-
-	fputs("hxctl: ", stderr);
-	va_start(args, format);
-	vfprintf(stderr, format, args);
-	va_end(args);
-	fputs("\nTry 'hxctl --help' for more information.\n", stderr);
-	return HXCTL_USAGE;
-}
-
-/* Allocation failures end the program: a short-lived client has nothing
- * to clean up, and every caller would only pass the failure on. */
-static void *
-must(void *p)
-{
-	if (p == NULL) {
-		fputs("hxctl: out of memory\n", stderr);
-		exit(HXCTL_NO_CONNECTION);
-	}
-	return p;
-}
-
 /* Adds val (NULL is JSON null) to obj. */
 static void
 member_add(struct json_object *obj, const char *key, struct json_object *val)
 {
 	if (json_object_object_add(obj, key, val) != 0)
 		must(NULL);
-}
-
-/* 1 and *value set (NULL for null) when the whole of text is one strict JSON
- * value; 0 otherwise.  NaN and Infinity, which json-c takes even in strict
- * mode, are words, not JSON. */
-static int
-json_text(const char *text, struct json_object **value)
-{
-	struct json_tokener *tok = must(json_tokener_new());
-	enum json_tokener_error err;
-
-	json_tokener_set_flags(tok, JSON_TOKENER_STRICT);
-	/* The length includes the NUL, which ends a trailing number. */
-	*value = json_tokener_parse_ex(tok, text, (int)strlen(text) + 1);
-	err = json_tokener_get_error(tok);
-	json_tokener_free(tok);
-	if (err == json_tokener_success && json_object_is_type(*value, json_type_double) &&
-	    !isfinite(json_object_get_double(*value)))
-		err = json_tokener_error_parse_unexpected;
-	if (err != json_tokener_success) {
-		json_object_put(*value);
-		*value = NULL;
-		return 0;
-	}
-	return 1;
 }
 
 /* The value of a command-line text: its JSON value, or else the text itself
@@ -395,12 +346,8 @@ options_parse(struct hxctl_options *opt, int argc, char **argv)
 		case 'T':
 			opt->tag = optarg;
 			break;
-		case ':':
-			return usage_error("option '%s' needs an argument", argv[optind - 1]);
-		default:
-			if (optopt != 0)
-				return usage_error("unknown option '-%c'", optopt);
-			return usage_error("unknown option '%s'", argv[optind - 1]);
+		default:	/* ':' or '?' */
+			return option_error(c, argv);
 		}
 	}
 	return HXCTL_OK;

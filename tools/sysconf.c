@@ -3,8 +3,6 @@
  * paths, environment overrides and record format as hxsrvd. */
 #include <errno.h>
 #include <getopt.h>
-#include <math.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -13,14 +11,18 @@
 #include <json-c/json.h>
 
 #include "conf/confdb.h"
+#include "toolutil.h"
 
 enum sysconf_status {
 	SYSCONF_OK = 0,
 	SYSCONF_ABSENT = 1,	/* key absent or its value empty */
 	SYSCONF_BAD_INPUT = 2,
 	SYSCONF_NO_STORE = 3,	/* store cannot be opened or written */
-	SYSCONF_USAGE = 64,
+	SYSCONF_USAGE = EX_USAGE,	/* 64 */
 };
+
+/* The help lists out of memory with the store failures, under status 3. */
+const int tool_out_of_memory_status = SYSCONF_NO_STORE;
 
 struct sysconf_options {
 	enum conf_store store;
@@ -59,33 +61,6 @@ static const struct {
 
 #define NELEM(a) (sizeof(a) / sizeof((a)[0]))
 
-static int usage_error(const char *format, ...) __attribute__((format(printf, 1, 2)));
-
-static int
-usage_error(const char *format, ...)
-{
-	va_list args;
-
-	fputs("sysconf: ", stderr);
-	va_start(args, format);
-	vfprintf(stderr, format, args);
-	va_end(args);
-	fputs("\nTry 'sysconf --help' for more information.\n", stderr);
-	return SYSCONF_USAGE;
-}
-
-/* Allocation failures end the program with the store-failure status: a
- * short-lived tool has nothing to clean up. */
-static void *
-must(void *p)
-{
-	if (p == NULL) {
-		fputs("sysconf: out of memory\n", stderr);
-		exit(SYSCONF_NO_STORE);
-	}
-	return p;
-}
-
 /* The reason of the last failed gdbm_open. */
 static void
 store_open_failed(const char *path)
@@ -113,31 +88,6 @@ store_check(const char *path, int writer)
 	}
 	gdbm_close(db);
 	return SYSCONF_OK;
-}
-
-/* 1 and *value set (NULL for null) when the whole of text is one strict JSON
- * value; 0 otherwise.  json-c takes NaN and Infinity even in strict mode;
- * they are not JSON. */
-static int
-json_text(const char *text, struct json_object **value)
-{
-	struct json_tokener *tok = must(json_tokener_new());
-	enum json_tokener_error err;
-
-	json_tokener_set_flags(tok, JSON_TOKENER_STRICT);
-	/* The length includes the NUL, which ends a trailing number. */
-	*value = json_tokener_parse_ex(tok, text, (int)strlen(text) + 1);
-	err = json_tokener_get_error(tok);
-	json_tokener_free(tok);
-	if (err == json_tokener_success && json_object_is_type(*value, json_type_double) &&
-	    !isfinite(json_object_get_double(*value)))
-		err = json_tokener_error_parse_unexpected;
-	if (err != json_tokener_success) {
-		json_object_put(*value);
-		*value = NULL;
-		return 0;
-	}
-	return 1;
 }
 
 /* Stores text (plus its NUL) under key; the store was checked writable. */
@@ -509,12 +459,8 @@ options_parse(struct sysconf_options *opt, int argc, char **argv)
 		case 'h':
 			opt->help = 1;
 			return SYSCONF_OK;
-		case ':':
-			return usage_error("option '%s' needs an argument", argv[optind - 1]);
-		default:
-			if (optopt != 0)
-				return usage_error("unknown option '-%c'", optopt);
-			return usage_error("unknown option '%s'", argv[optind - 1]);
+		default:	/* ':' or '?' */
+			return option_error(c, argv);
 		}
 	}
 	return SYSCONF_OK;

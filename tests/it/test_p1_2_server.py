@@ -7,7 +7,7 @@ import termios
 
 import pytest
 
-from helpers import console_after, wait_for
+from helpers import console_after, recv_until_closed, wait_for
 
 REQUEST = b'{"method":"revalidate","arguments":{"video":{}}}'
 REPLY = b'{ "arguments": { }, "result": "success" }'
@@ -26,16 +26,6 @@ def still_open(sock):
         sock.setblocking(True)
     assert data == b"", data
     return False
-
-
-def recv_until_closed(sock, timeout=30):
-    sock.settimeout(timeout)
-    data = b""
-    while True:
-        chunk = sock.recv(4096)
-        if not chunk:
-            return data
-        data += chunk
 
 
 def read_reply(sock, size, timeout=30):

@@ -4,41 +4,13 @@ real daemon in the device sandbox.
 Replies are compared as bytes: json-c's default rendering, members in the
 order "arguments", "result", "tag".
 """
-import json
-
 import pytest
 
-from helpers import console_after, wait_for
+from helpers import console_after, recv_until_closed, send, stdout_since, wait_for
 
 PARSE_ERROR = "protocol parse error\nerror on client connection\n"
 INVALID_PARAMETERS = "request_exec: invalid parameters.\n"
 SUCCESS = b'{ "arguments": { }, "result": "success" }'
-
-# A request of 8 bytes or fewer prints "Invalid input" (Part 1.2) and nothing
-# else prints it here: it marks the end of what earlier requests printed.
-SYNC_REQUEST = b"{}"
-SYNC_OUT = "Invalid input"
-
-
-def send(sandbox, request):
-    """One request on a fresh connection; the complete reply (b"" if none)."""
-    if not isinstance(request, bytes):
-        request = json.dumps(request).encode()
-    return sandbox.request(request)
-
-
-def stdout_since(sandbox, daemon, before):
-    """What the daemon printed on standard output since `before` (an earlier
-    daemon.stdout()), up to a marker printed by a later short request."""
-    s = sandbox.connect()
-    try:
-        s.sendall(SYNC_REQUEST)
-        wait_for(lambda: daemon.stdout()[len(before):].endswith(SYNC_OUT))
-    finally:
-        s.close()
-    out = daemon.stdout()
-    assert out.startswith(before)
-    return out[len(before):-len(SYNC_OUT)]
 
 
 def exchange(sandbox, daemon, request):
@@ -47,16 +19,6 @@ def exchange(sandbox, daemon, request):
     before = daemon.stdout()
     reply = send(sandbox, request)
     return reply, stdout_since(sandbox, daemon, before), console_after(sandbox, mark)
-
-
-def recv_until_closed(sock, timeout=30):
-    sock.settimeout(timeout)
-    data = b""
-    while True:
-        chunk = sock.recv(4096)
-        if not chunk:
-            return data
-        data += chunk
 
 
 # Edge cases worth testing

@@ -6,57 +6,19 @@ Part 2.4: during a firmware upgrade every known target is refused with
 holds for the rows answered "internal error" today and for the same rows
 once they are built, and it never runs a target.
 """
-import json
-
 import pytest
 
-from helpers import console_after, wait_for
+from helpers import (REVALIDATE_NAMES, console_after, revalidate, send, stdout_since,
+                     store_restore)
 
 SUCCESS = b'{ "arguments": { }, "result": "success" }'
 BUSY = b'{ "arguments": { }, "result": "system busy" }'
 ONGOING = b'{ "upgrade_stage": "ongoing" }\0'
 
-SYNC_REQUEST = b"{}"
-SYNC_OUT = "Invalid input"
-
-# The revalidate-target table of Part 2.2, in table order.
-REVALIDATE_NAMES = [
-    "wan", "lan", "dhcp", "wl", "wl_radio", "wl_power_save_mode", "firewall",
-    "upnp", "datetime", "staticroute", "httpd", "fw_upgrade", "uploadsysconf",
-    "factorydefault", "reboot", "poweroff", "video", "video2", "webdav", "dlna",
-    "ipsec", "fm", "usbcharger", "firmwareupgrade", "pmd", "sleep_timeout",
-    "thumbnail", "samba", "createsynctask", "cancelsynctask", "disk_unlock",
-    "safely_remove", "charger_test", "tdls", "cut_through", "wpa", "owner_chg",
-    "sd_copy", "sync_signal", "sys_event", "ap_profiles",
-]
 NOOP_TARGETS = ["video", "video2", "ipsec", "thumbnail"]
 ANY_VALUES = [None, 0, -1.5, "text", {}, {"action": "start"}, [], [1, {}]]
 ANY_VALUE_IDS = ["null", "zero", "double", "string", "empty-object", "object",
                  "empty-array", "array"]
-
-
-def send(sandbox, request):
-    if not isinstance(request, bytes):
-        request = json.dumps(request).encode()
-    return sandbox.request(request)
-
-
-def revalidate(sandbox, arguments):
-    return send(sandbox, {"method": "revalidate", "arguments": arguments})
-
-
-def stdout_since(sandbox, daemon, before):
-    """What the daemon printed on standard output since `before`, up to a
-    marker printed by a later short request."""
-    s = sandbox.connect()
-    try:
-        s.sendall(SYNC_REQUEST)
-        wait_for(lambda: daemon.stdout()[len(before):].endswith(SYNC_OUT))
-    finally:
-        s.close()
-    out = daemon.stdout()
-    assert out.startswith(before)
-    return out[len(before):-len(SYNC_OUT)]
 
 
 @pytest.fixture
@@ -66,10 +28,7 @@ def upgrading(daemon, sandbox):
     saved = sandbox.store_get("rtconf", "fwup_status")
     sandbox.store_set("rtconf", "fwup_status", ONGOING)
     yield
-    if saved is None:
-        sandbox.store_delete("rtconf", "fwup_status")
-    else:
-        sandbox.store_set("rtconf", "fwup_status", saved)
+    store_restore(sandbox, "rtconf", "fwup_status", saved)
 
 
 # Edge cases worth testing

@@ -11,11 +11,9 @@ import os
 
 import pytest
 
-from helpers import wait_for
+from helpers import pref_set, send, stdout_since, store_restore, umask_of
 
 SYSCONF = "/mnt/rwdata/sysconf.gdbm"
-SYNC_REQUEST = b"{}"
-SYNC_OUT = "Invalid input"
 INTERNAL = b'{ "arguments": { }, "result": "internal error" }'
 SUCCESS = b'{ "arguments": { }, "result": "success" }'
 INVALID = b'{ "arguments": { }, "result": "invalid arguments" }'
@@ -56,43 +54,16 @@ def keep(sandbox):
         saved.append((store, key, sandbox.store_get(store, key)))
     yield remember
     for store, key, value in reversed(saved):
-        if value is None:
-            sandbox.store_delete(store, key)
-        else:
-            sandbox.store_set(store, key, value)
-
-
-def send(sandbox, request):
-    if not isinstance(request, bytes):
-        request = json.dumps(request).encode()
-    return sandbox.request(request)
+        store_restore(sandbox, store, key, value)
 
 
 def pref_get(sandbox, arguments):
     return send(sandbox, {"method": "pref-get", "arguments": arguments})
 
 
-def pref_set(sandbox, confs):
-    return send(sandbox, {"method": "pref-set", "arguments": {"confs": confs}})
-
-
 def get_reply(confs_text, infos_text=b"{ }"):
     return (b'{ "arguments": { "confs": ' + confs_text + b', "infos": ' + infos_text +
             b' }, "result": "success" }')
-
-
-def stdout_since(sandbox, daemon, before):
-    """What the daemon printed on standard output since `before`, up to a
-    marker printed by a later short request."""
-    s = sandbox.connect()
-    try:
-        s.sendall(SYNC_REQUEST)
-        wait_for(lambda: daemon.stdout()[len(before):].endswith(SYNC_OUT))
-    finally:
-        s.close()
-    out = daemon.stdout()
-    assert out.startswith(before)
-    return out[len(before):-len(SYNC_OUT)]
 
 
 class Seen:
@@ -121,14 +92,6 @@ def held_by_writer(sandbox, path=SYSCONF):
         yield db
     finally:
         db.close()
-
-
-def umask_of(daemon):
-    with open(f"/proc/{daemon.host_pid}/status") as f:
-        for line in f:
-            if line.startswith("Umask:"):
-                return int(line.split()[1], 8)
-    raise AssertionError("no Umask line")
 
 
 # pref-get: edge cases

@@ -6,52 +6,13 @@ Only "video", "video2", "ipsec", "thumbnail" and "owner_chg" are built; the
 tests that need a failing target of a later issue are marked xfail(strict)
 while that row answers "internal error".
 """
-import json
-
 import pytest
 
-from helpers import console_after, wait_for
+from helpers import REVALIDATE_NAMES, console_after, revalidate, send, stdout_since
 
 SUCCESS = b'{ "arguments": { }, "result": "success" }'
 BUSY = b'{ "arguments": { }, "result": "system busy" }'
 INVALID = b'{ "arguments": { }, "result": "invalid arguments" }'
-
-SYNC_REQUEST = b"{}"
-SYNC_OUT = "Invalid input"
-
-REVALIDATE_NAMES = [
-    "wan", "lan", "dhcp", "wl", "wl_radio", "wl_power_save_mode", "firewall",
-    "upnp", "datetime", "staticroute", "httpd", "fw_upgrade", "uploadsysconf",
-    "factorydefault", "reboot", "poweroff", "video", "video2", "webdav", "dlna",
-    "ipsec", "fm", "usbcharger", "firmwareupgrade", "pmd", "sleep_timeout",
-    "thumbnail", "samba", "createsynctask", "cancelsynctask", "disk_unlock",
-    "safely_remove", "charger_test", "tdls", "cut_through", "wpa", "owner_chg",
-    "sd_copy", "sync_signal", "sys_event", "ap_profiles",
-]
-
-
-def send(sandbox, request):
-    if not isinstance(request, bytes):
-        request = json.dumps(request).encode()
-    return sandbox.request(request)
-
-
-def revalidate(sandbox, arguments):
-    return send(sandbox, {"method": "revalidate", "arguments": arguments})
-
-
-def stdout_since(sandbox, daemon, before):
-    """What the daemon printed on standard output since `before`, up to a
-    marker printed by a later short request."""
-    s = sandbox.connect()
-    try:
-        s.sendall(SYNC_REQUEST)
-        wait_for(lambda: daemon.stdout()[len(before):].endswith(SYNC_OUT))
-    finally:
-        s.close()
-    out = daemon.stdout()
-    assert out.startswith(before)
-    return out[len(before):-len(SYNC_OUT)]
 
 
 class Effects:

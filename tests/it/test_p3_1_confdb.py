@@ -7,12 +7,11 @@ after arranging the store and stops it (SIGTERM) at the end; the stores'
 files are put back as they were after each test.
 """
 import dbm.gnu
-import json
 import os
 
 import pytest
 
-from helpers import console_after
+from helpers import console_after, pref_set, send, umask_of
 
 STORES = {"sysconf": "/mnt/rwdata/sysconf.gdbm", "rtconf": "/var/run/rtconf.gdbm"}
 INDEX_SIZE = 127
@@ -22,18 +21,8 @@ BUSY = b'{ "arguments": { }, "result": "system busy" }'
 DB_OPEN_FAILED = b'{ "arguments": { "confs": { } }, "result": "Database open failed!\\n" }'
 
 
-def send(sandbox, request):
-    if not isinstance(request, bytes):
-        request = json.dumps(request).encode()
-    return sandbox.request(request)
-
-
 def pref_get(sandbox, names):
     return send(sandbox, {"method": "pref-get", "arguments": {"confs": names, "infos": []}})
-
-
-def pref_set(sandbox, confs):
-    return send(sandbox, {"method": "pref-set", "arguments": {"confs": confs}})
 
 
 def get_reply(confs_text):
@@ -50,14 +39,6 @@ def gdbm_order(path):
             keys.append(k)
             k = db.nextkey(k)
         return keys
-
-
-def umask_of(daemon):
-    with open(f"/proc/{daemon.host_pid}/status") as f:
-        for line in f:
-            if line.startswith("Umask:"):
-                return int(line.split()[1], 8)
-    raise AssertionError("no Umask line")
 
 
 @pytest.fixture

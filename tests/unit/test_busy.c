@@ -21,10 +21,6 @@
 #include "tests/unit/console_capture.h"
 #include "tests/unit/testutil.h"
 
-static char *tmpdir;
-static char *rtconf_path;
-static char *sysconf_path;
-
 static int
 group_setup(void **state)
 {
@@ -33,33 +29,10 @@ group_setup(void **state)
 	return 0;
 }
 
-static int
-setup(void **state)
-{
-	(void)state;
-	tmpdir = tu_tempdir();
-	tu_stores_env(tmpdir);
-	rtconf_path = tu_path(tmpdir, "rtconf.gdbm");
-	sysconf_path = tu_path(tmpdir, "sysconf.gdbm");
-	console_reset();
-	return 0;
-}
-
-static int
-teardown(void **state)
-{
-	(void)state;
-	tu_rmtree(tmpdir);
-	free(tmpdir);
-	free(rtconf_path);
-	free(sysconf_path);
-	return 0;
-}
-
 static void
 set_fwup_status(const char *text)
 {
-	tu_store_put(rtconf_path, "fwup_status", text);
+	tu_store_put(tu_stores.rtconf, "fwup_status", text);
 }
 
 /* ---- is_system_busy ---- */
@@ -75,7 +48,7 @@ static void
 test_busy_fwup_status_absent_is_not_busy(void **state)
 {
 	(void)state;
-	tu_store_put(rtconf_path, "wan_if", "\"eth0\"");
+	tu_store_put(tu_stores.rtconf, "wan_if", "\"eth0\"");
 	assert_int_equal(is_system_busy(), 0);
 }
 
@@ -147,21 +120,21 @@ static void
 test_busy_reads_runtime_store_only(void **state)
 {
 	(void)state;
-	tu_store_put(sysconf_path, "fwup_status", "{\"upgrade_stage\": \"ongoing\"}");
+	tu_store_put(tu_stores.sysconf, "fwup_status", "{\"upgrade_stage\": \"ongoing\"}");
 	assert_int_equal(is_system_busy(), 0);
 }
 
 static void
 test_busy_follows_rt_db_file_on_every_call(void **state)
 {
-	char *other = tu_path(tmpdir, "other.gdbm");
+	char *other = tu_path(tu_stores.dir, "other.gdbm");
 
 	(void)state;
 	tu_store_put(other, "fwup_status", "{\"upgrade_stage\": \"ongoing\"}");
 	assert_int_equal(is_system_busy(), 0);
 	setenv("RT_DB_FILE", other, 1);
 	assert_int_equal(is_system_busy(), 1);
-	setenv("RT_DB_FILE", rtconf_path, 1);
+	setenv("RT_DB_FILE", tu_stores.rtconf, 1);
 	assert_int_equal(is_system_busy(), 0);
 	free(other);
 }
@@ -369,7 +342,7 @@ test_revalidate_direct_success_is_null(void **state)
 	free(printed);
 }
 
-#define T(fn) cmocka_unit_test_setup_teardown(fn, setup, teardown)
+#define T(fn) cmocka_unit_test_setup_teardown(fn, tu_stores_setup, tu_stores_teardown)
 
 int
 main(void)

@@ -22,36 +22,6 @@
 #include "tests/unit/console_capture.h"
 #include "tests/unit/testutil.h"
 
-static char *tmpdir;
-static char *sysconf_path;
-static char *rtconf_path;
-static char *sysinfo_path;
-
-static int
-setup(void **state)
-{
-	(void)state;
-	tmpdir = tu_tempdir();
-	tu_stores_env(tmpdir);
-	sysconf_path = tu_path(tmpdir, "sysconf.gdbm");
-	rtconf_path = tu_path(tmpdir, "rtconf.gdbm");
-	sysinfo_path = tu_path(tmpdir, "sysinfo.gdbm");
-	console_reset();
-	return 0;
-}
-
-static int
-teardown(void **state)
-{
-	(void)state;
-	tu_rmtree(tmpdir);
-	free(tmpdir);
-	free(sysconf_path);
-	free(rtconf_path);
-	free(sysinfo_path);
-	return 0;
-}
-
 /* The buffer holds exactly these bytes (a literal, NULs included). */
 #define assert_buffer(buf, bytes) \
 	do { \
@@ -96,7 +66,7 @@ test_get_appends_text_and_nul(void **state)
 	struct evbuffer *buf = buffer_with(NULL);
 
 	(void)state;
-	tu_store_put(sysconf_path, "lan_ipaddr", "\"192.168.1.1\"");
+	tu_store_put(tu_stores.sysconf, "lan_ipaddr", "\"192.168.1.1\"");
 	assert_int_equal(sysConfGet("lan_ipaddr", buf), 0);
 	assert_buffer(buf, "\"192.168.1.1\"\0");
 	evbuffer_free(buf);
@@ -108,7 +78,7 @@ test_get_appends_after_existing_data(void **state)
 	struct evbuffer *buf = buffer_with("xy");
 
 	(void)state;
-	tu_store_put(sysconf_path, "k", "abc");
+	tu_store_put(tu_stores.sysconf, "k", "abc");
 	assert_int_equal(sysConfGet("k", buf), 0);
 	assert_buffer(buf, "xyabc\0");
 	assert_int_equal(sysConfGet("k", buf), 0);
@@ -122,9 +92,9 @@ test_each_get_reads_its_own_store(void **state)
 	struct evbuffer *buf = buffer_with(NULL);
 
 	(void)state;
-	tu_store_put(sysconf_path, "k", "sys");
-	tu_store_put(rtconf_path, "k", "rt");
-	tu_store_put(sysinfo_path, "k", "info");
+	tu_store_put(tu_stores.sysconf, "k", "sys");
+	tu_store_put(tu_stores.rtconf, "k", "rt");
+	tu_store_put(tu_stores.sysinfo, "k", "info");
 	assert_int_equal(sysConfGet("k", buf), 0);
 	assert_int_equal(rtConfGet("k", buf), 0);
 	assert_int_equal(sysInfoGet("k", buf), 0);
@@ -138,9 +108,9 @@ test_get_key_without_nul_invisible(void **state)
 	struct evbuffer *buf = buffer_with("xy");
 
 	(void)state;
-	tu_store_raw(sysconf_path, "nonul", 5, "v", 2);
-	tu_store_raw(rtconf_path, "nonul", 5, "v", 2);
-	tu_store_raw(sysinfo_path, "nonul", 5, "v", 2);
+	tu_store_raw(tu_stores.sysconf, "nonul", 5, "v", 2);
+	tu_store_raw(tu_stores.rtconf, "nonul", 5, "v", 2);
+	tu_store_raw(tu_stores.sysinfo, "nonul", 5, "v", 2);
 	assert_int_equal(sysConfGet("nonul", buf), -1);
 	assert_int_equal(rtConfGet("nonul", buf), -1);
 	assert_int_equal(sysInfoGet("nonul", buf), -1);
@@ -154,9 +124,9 @@ test_get_empty_value_reads_as_missing(void **state)
 	struct evbuffer *buf = buffer_with("xy");
 
 	(void)state;
-	tu_store_put(sysconf_path, "k", "");
-	tu_store_put(rtconf_path, "k", "");
-	tu_store_put(sysinfo_path, "k", "");
+	tu_store_put(tu_stores.sysconf, "k", "");
+	tu_store_put(tu_stores.rtconf, "k", "");
+	tu_store_put(tu_stores.sysinfo, "k", "");
 	assert_int_equal(sysConfGet("k", buf), -1);
 	assert_int_equal(rtConfGet("k", buf), -1);
 	assert_int_equal(sysInfoGet("k", buf), -1);
@@ -170,7 +140,7 @@ test_get_absent_key_fails(void **state)
 	struct evbuffer *buf = buffer_with(NULL);
 
 	(void)state;
-	tu_store_put(sysconf_path, "k", "v");
+	tu_store_put(tu_stores.sysconf, "k", "v");
 	assert_int_equal(sysConfGet("other", buf), -1);
 	assert_int_equal(sysConfGet("k2", buf), -1);
 	assert_buffer(buf, "");
@@ -188,9 +158,9 @@ test_get_store_missing_fails_silently(void **state)
 	assert_int_equal(sysInfoGet("k", buf), -1);
 	assert_buffer(buf, "");
 	assert_string_equal(console_captured(), "");
-	assert_false(file_exists(sysconf_path));
-	assert_false(file_exists(rtconf_path));
-	assert_false(file_exists(sysinfo_path));
+	assert_false(file_exists(tu_stores.sysconf));
+	assert_false(file_exists(tu_stores.rtconf));
+	assert_false(file_exists(tu_stores.sysinfo));
 	evbuffer_free(buf);
 }
 
@@ -202,7 +172,7 @@ test_get_value_without_nul_is_bounded(void **state)
 	struct evbuffer *buf = buffer_with(NULL);
 
 	(void)state;
-	tu_store_raw(sysconf_path, "k", 2, "abc", 3);
+	tu_store_raw(tu_stores.sysconf, "k", 2, "abc", 3);
 	assert_int_equal(sysConfGet("k", buf), 0);
 	assert_buffer(buf, "abc\0");
 	evbuffer_free(buf);
@@ -217,7 +187,7 @@ test_sysconf_set_stores_content_and_one_nul(void **state)
 
 	(void)state;
 	assert_int_equal(sysConfSet("k", buf), 0);
-	assert_true(TU_RECORD_IS(sysconf_path, "k", "abc\0"));
+	assert_true(TU_RECORD_IS(tu_stores.sysconf, "k", "abc\0"));
 	assert_buffer(buf, "abc");	/* the buffer is only read */
 	assert_string_equal(console_captured(), "");
 	evbuffer_free(buf);
@@ -230,8 +200,8 @@ test_rtconf_set_stores_content_and_one_nul(void **state)
 
 	(void)state;
 	assert_int_equal(rtConfSet("wl_radio", buf), 0);
-	assert_true(TU_RECORD_IS(rtconf_path, "wl_radio", "\"on\"\0"));
-	assert_false(file_exists(sysconf_path));
+	assert_true(TU_RECORD_IS(tu_stores.rtconf, "wl_radio", "\"on\"\0"));
+	assert_false(file_exists(tu_stores.sysconf));
 	evbuffer_free(buf);
 }
 
@@ -241,11 +211,11 @@ test_set_replaces_existing_record(void **state)
 	struct evbuffer *buf = buffer_with("2");
 
 	(void)state;
-	tu_store_put(sysconf_path, "k", "1111");
-	tu_store_put(sysconf_path, "other", "o");
+	tu_store_put(tu_stores.sysconf, "k", "1111");
+	tu_store_put(tu_stores.sysconf, "other", "o");
 	assert_int_equal(sysConfSet("k", buf), 0);
-	assert_true(TU_RECORD_IS(sysconf_path, "k", "2\0"));
-	assert_true(TU_RECORD_IS(sysconf_path, "other", "o\0"));
+	assert_true(TU_RECORD_IS(tu_stores.sysconf, "k", "2\0"));
+	assert_true(TU_RECORD_IS(tu_stores.sysconf, "other", "o\0"));
 	evbuffer_free(buf);
 }
 
@@ -257,7 +227,7 @@ test_set_buffer_with_nul_stores_extra_nul(void **state)
 	(void)state;
 	evbuffer_add(buf, "ab\0", 3);
 	assert_int_equal(sysConfSet("k", buf), 0);
-	assert_true(TU_RECORD_IS(sysconf_path, "k", "ab\0\0"));
+	assert_true(TU_RECORD_IS(tu_stores.sysconf, "k", "ab\0\0"));
 	evbuffer_free(buf);
 }
 
@@ -267,17 +237,17 @@ test_set_empty_buffer_refused(void **state)
 	struct evbuffer *buf = buffer_with(NULL);
 
 	(void)state;
-	tu_store_put(sysconf_path, "k", "old");
+	tu_store_put(tu_stores.sysconf, "k", "old");
 	assert_int_equal(sysConfSet("k", buf), -1);
 	assert_string_equal(console_captured(), "_confSet: Item 'k' not inserted. \n");
-	assert_true(TU_RECORD_IS(sysconf_path, "k", "old\0"));
+	assert_true(TU_RECORD_IS(tu_stores.sysconf, "k", "old\0"));
 	evbuffer_free(buf);
 }
 
 static void
 test_set_store_cannot_open_fails_silently(void **state)
 {
-	char *path = tu_path(tmpdir, "no_dir/sysconf.gdbm");
+	char *path = tu_path(tu_stores.dir, "no_dir/sysconf.gdbm");
 	struct evbuffer *buf = buffer_with("v");
 
 	(void)state;
@@ -298,8 +268,8 @@ expect_created_mode(mode_t mask, mode_t expected)
 	ret = sysConfSet("k", buf);
 	umask(old);
 	assert_int_equal(ret, 0);
-	assert_int_equal(file_mode(sysconf_path), expected);
-	assert_true(TU_RECORD_IS(sysconf_path, "k", "v\0"));
+	assert_int_equal(file_mode(tu_stores.sysconf), expected);
+	assert_true(TU_RECORD_IS(tu_stores.sysconf, "k", "v\0"));
 	evbuffer_free(buf);
 }
 
@@ -333,9 +303,9 @@ test_missing_db_file_gets_fail_set_creates_store(void **state)
 	(void)state;
 	assert_int_equal(sysConfGet("k", buf), -1);
 	assert_int_equal(sysConfGet("other", buf), -1);
-	assert_false(file_exists(sysconf_path));
+	assert_false(file_exists(tu_stores.sysconf));
 	assert_int_equal(sysConfSet("k", value), 0);
-	assert_true(file_exists(sysconf_path));
+	assert_true(file_exists(tu_stores.sysconf));
 	assert_int_equal(sysConfGet("k", buf), 0);
 	assert_buffer(buf, "x\0");
 	evbuffer_free(buf);
@@ -347,23 +317,23 @@ test_missing_db_file_gets_fail_set_creates_store(void **state)
 static void
 test_environment_reread_on_every_call(void **state)
 {
-	char *other = tu_path(tmpdir, "other.gdbm");
+	char *other = tu_path(tu_stores.dir, "other.gdbm");
 	struct evbuffer *buf = buffer_with(NULL);
 	struct evbuffer *value = buffer_with("new");
 
 	(void)state;
-	tu_store_put(sysconf_path, "k", "first");
+	tu_store_put(tu_stores.sysconf, "k", "first");
 	tu_store_put(other, "k", "second");
 	assert_int_equal(sysConfGet("k", buf), 0);
 	setenv("DB_FILE", other, 1);
 	assert_int_equal(sysConfGet("k", buf), 0);
 	assert_int_equal(sysConfSet("k", value), 0);
-	setenv("DB_FILE", sysconf_path, 1);
+	setenv("DB_FILE", tu_stores.sysconf, 1);
 	assert_int_equal(sysConfGet("k", buf), 0);
 	assert_buffer(buf, "first\0second\0first\0");
 	assert_true(TU_RECORD_IS(other, "k", "new\0"));
-	assert_true(TU_RECORD_IS(sysconf_path, "k", "first\0"));
-	assert_string_equal(confStorePath(CONF_SYSCONF), sysconf_path);
+	assert_true(TU_RECORD_IS(tu_stores.sysconf, "k", "first\0"));
+	assert_string_equal(confStorePath(CONF_SYSCONF), tu_stores.sysconf);
 	evbuffer_free(buf);
 	evbuffer_free(value);
 	free(other);
@@ -398,7 +368,7 @@ test_default_paths_when_unset(void **state)
 	assert_string_equal(confStorePath(CONF_SYSCONF), "/mnt/rwdata/sysconf.gdbm");
 	assert_string_equal(confStorePath(CONF_RTCONF), "/var/run/rtconf.gdbm");
 	assert_string_equal(confStorePath(CONF_SYSINFO), "/mnt/rwdata/sysinfo.gdbm");
-	tu_stores_env(tmpdir);
+	tu_stores_env(tu_stores.dir);
 }
 
 /* ================= copy and swap ================= */
@@ -407,10 +377,10 @@ static void
 test_copy_record_one_byte_longer(void **state)
 {
 	(void)state;
-	tu_store_put(sysconf_path, "src", "abc");
+	tu_store_put(tu_stores.sysconf, "src", "abc");
 	assert_int_equal(sysConfCopy("dst", "src"), 0);
-	assert_true(TU_RECORD_IS(sysconf_path, "dst", "abc\0\0"));
-	assert_true(TU_RECORD_IS(sysconf_path, "src", "abc\0"));
+	assert_true(TU_RECORD_IS(tu_stores.sysconf, "dst", "abc\0\0"));
+	assert_true(TU_RECORD_IS(tu_stores.sysconf, "src", "abc\0"));
 	assert_string_equal(console_captured(), "");
 }
 
@@ -420,8 +390,8 @@ test_copy_reader_sees_source_text(void **state)
 	struct evbuffer *buf = buffer_with(NULL);
 
 	(void)state;
-	tu_store_put(sysconf_path, "src", "abc");
-	tu_store_put(sysconf_path, "dst", "old value");
+	tu_store_put(tu_stores.sysconf, "src", "abc");
+	tu_store_put(tu_stores.sysconf, "dst", "old value");
 	assert_int_equal(sysConfCopy("dst", "src"), 0);
 	assert_int_equal(sysConfGet("dst", buf), 0);
 	assert_buffer(buf, "abc\0");
@@ -432,10 +402,10 @@ static void
 test_copy_missing_source_fails(void **state)
 {
 	(void)state;
-	tu_store_put(sysconf_path, "dst", "keep");
+	tu_store_put(tu_stores.sysconf, "dst", "keep");
 	assert_int_equal(sysConfCopy("dst", "src"), -1);
-	assert_true(TU_RECORD_IS(sysconf_path, "dst", "keep\0"));
-	assert_true(TU_NO_RECORD(sysconf_path, "src"));
+	assert_true(TU_RECORD_IS(tu_stores.sysconf, "dst", "keep\0"));
+	assert_true(TU_NO_RECORD(tu_stores.sysconf, "src"));
 	assert_string_equal(console_captured(), "");
 }
 
@@ -443,10 +413,10 @@ static void
 test_swap_a_missing_a_gets_b_b_keeps_own(void **state)
 {
 	(void)state;
-	tu_store_put(sysconf_path, "b", "bval");
+	tu_store_put(tu_stores.sysconf, "b", "bval");
 	assert_int_equal(sysConfSwap("a", "b"), 0);
-	assert_true(TU_RECORD_IS(sysconf_path, "a", "bval\0\0"));
-	assert_true(TU_RECORD_IS(sysconf_path, "b", "bval\0"));
+	assert_true(TU_RECORD_IS(tu_stores.sysconf, "a", "bval\0\0"));
+	assert_true(TU_RECORD_IS(tu_stores.sysconf, "b", "bval\0"));
 	assert_string_equal(console_captured(), "_confSet: Item 'b' not inserted. \n");
 }
 
@@ -454,10 +424,10 @@ static void
 test_swap_b_missing_b_gets_a_a_keeps_own(void **state)
 {
 	(void)state;
-	tu_store_put(sysconf_path, "a", "aval");
+	tu_store_put(tu_stores.sysconf, "a", "aval");
 	assert_int_equal(sysConfSwap("a", "b"), 0);
-	assert_true(TU_RECORD_IS(sysconf_path, "a", "aval\0"));
-	assert_true(TU_RECORD_IS(sysconf_path, "b", "aval\0\0"));
+	assert_true(TU_RECORD_IS(tu_stores.sysconf, "a", "aval\0"));
+	assert_true(TU_RECORD_IS(tu_stores.sysconf, "b", "aval\0\0"));
 	assert_string_equal(console_captured(), "_confSet: Item 'a' not inserted. \n");
 }
 
@@ -467,11 +437,11 @@ test_swap_two_present_values(void **state)
 	struct evbuffer *buf = buffer_with(NULL);
 
 	(void)state;
-	tu_store_put(sysconf_path, "a", "A");
-	tu_store_put(sysconf_path, "b", "BB");
+	tu_store_put(tu_stores.sysconf, "a", "A");
+	tu_store_put(tu_stores.sysconf, "b", "BB");
 	assert_int_equal(sysConfSwap("a", "b"), 0);
-	assert_true(TU_RECORD_IS(sysconf_path, "a", "BB\0\0"));
-	assert_true(TU_RECORD_IS(sysconf_path, "b", "A\0\0"));
+	assert_true(TU_RECORD_IS(tu_stores.sysconf, "a", "BB\0\0"));
+	assert_true(TU_RECORD_IS(tu_stores.sysconf, "b", "A\0\0"));
 	assert_string_equal(console_captured(), "");
 	assert_int_equal(sysConfGet("a", buf), 0);
 	assert_int_equal(sysConfGet("b", buf), 0);
@@ -483,10 +453,10 @@ static void
 test_swap_both_missing_returns_zero(void **state)
 {
 	(void)state;
-	tu_store_put(sysconf_path, "other", "o");
+	tu_store_put(tu_stores.sysconf, "other", "o");
 	assert_int_equal(sysConfSwap("a", "b"), 0);
-	assert_true(TU_NO_RECORD(sysconf_path, "a"));
-	assert_true(TU_NO_RECORD(sysconf_path, "b"));
+	assert_true(TU_NO_RECORD(tu_stores.sysconf, "a"));
+	assert_true(TU_NO_RECORD(tu_stores.sysconf, "b"));
 	assert_string_equal(console_captured(),
 			    "_confSet: Item 'a' not inserted. \n"
 			    "_confSet: Item 'b' not inserted. \n");
@@ -519,8 +489,8 @@ static void
 child_index_key_without_nul(void *arg)
 {
 	(void)arg;
-	tu_store_raw(sysconf_path, "nonul", 5, "\"v\"", 4);
-	tu_store_put(sysconf_path, "withnul", "\"v\"");
+	tu_store_raw(tu_stores.sysconf, "nonul", 5, "\"v\"", 4);
+	tu_store_put(tu_stores.sysconf, "withnul", "\"v\"");
 	TU_CHECK_INT(confIndexInit(), 0);
 	TU_CHECK_STR(console_captured(), "");
 	TU_CHECK_INT(confVerify("nonul"), -1);
@@ -539,9 +509,9 @@ static void
 child_index_read_only(void *arg)
 {
 	(void)arg;
-	tu_store_put(sysconf_path, "product_model", "\"HX100\"");
-	tu_store_put(sysconf_path, "product_description", "\"Travel router\"");
-	tu_store_put(sysconf_path, "lan_ipaddr", "\"192.168.1.1\"");
+	tu_store_put(tu_stores.sysconf, "product_model", "\"HX100\"");
+	tu_store_put(tu_stores.sysconf, "product_description", "\"Travel router\"");
+	tu_store_put(tu_stores.sysconf, "lan_ipaddr", "\"192.168.1.1\"");
 	TU_CHECK_INT(confIndexInit(), 0);
 	TU_CHECK_INT(confVerify("product_model"), -1);
 	TU_CHECK_INT(confVerify("product_description"), -1);
@@ -559,7 +529,7 @@ static void
 child_index_unknown_key(void *arg)
 {
 	(void)arg;
-	tu_store_put(sysconf_path, "lan_ipaddr", "\"192.168.1.1\"");
+	tu_store_put(tu_stores.sysconf, "lan_ipaddr", "\"192.168.1.1\"");
 	TU_CHECK_INT(confIndexInit(), 0);
 	TU_CHECK_INT(confVerify("lan_ipaddr"), 0);
 	TU_CHECK_INT(confVerify("LAN_IPADDR"), -1);
@@ -590,10 +560,10 @@ child_index_130_keys(void *arg)
 		char name[16];
 
 		snprintf(name, sizeof(name), "key%03d", i);
-		tu_store_put(sysconf_path, name, "1");
+		tu_store_put(tu_stores.sysconf, name, "1");
 	}
 	/* The store's own iteration order. */
-	db = gdbm_open(sysconf_path, 0, GDBM_READER, 0, NULL);
+	db = gdbm_open(tu_stores.sysconf, 0, GDBM_READER, 0, NULL);
 	TU_CHECK(db != NULL);
 	for (key = gdbm_firstkey(db); key.dptr != NULL; key = next) {
 		TU_CHECK(n < MANY_KEYS);
@@ -629,7 +599,7 @@ child_index_missing_store(void *arg)
 	console_reset();
 	TU_CHECK_INT(confIndexInit(), -1);
 	TU_CHECK_STR(console_captured(), "Open sysconf.gdbm file failed.\n");
-	TU_CHECK(!file_exists(sysconf_path));
+	TU_CHECK(!file_exists(tu_stores.sysconf));
 	TU_CHECK_INT(confVerify("lan_ipaddr"), -1);
 }
 
@@ -646,7 +616,7 @@ child_index_empty_store(void *arg)
 	GDBM_FILE db;
 
 	(void)arg;
-	db = gdbm_open(sysconf_path, 0, GDBM_WRCREAT, 0664, NULL);
+	db = gdbm_open(tu_stores.sysconf, 0, GDBM_WRCREAT, 0664, NULL);
 	TU_CHECK(db != NULL);
 	gdbm_close(db);
 	TU_CHECK_INT(confIndexInit(), 0);
@@ -668,11 +638,11 @@ child_index_built_once(void *arg)
 	datum key;
 
 	(void)arg;
-	tu_store_put(sysconf_path, "kept", "1");
-	tu_store_put(sysconf_path, "removed", "1");
+	tu_store_put(tu_stores.sysconf, "kept", "1");
+	tu_store_put(tu_stores.sysconf, "removed", "1");
 	TU_CHECK_INT(confIndexInit(), 0);
-	tu_store_put(sysconf_path, "added", "1");
-	db = gdbm_open(sysconf_path, 0, GDBM_WRITER, 0, NULL);
+	tu_store_put(tu_stores.sysconf, "added", "1");
+	db = gdbm_open(tu_stores.sysconf, 0, GDBM_WRITER, 0, NULL);
 	TU_CHECK(db != NULL);
 	key.dptr = (char *)"removed";
 	key.dsize = 8;
@@ -694,7 +664,7 @@ static void
 child_index_not_initialised(void *arg)
 {
 	(void)arg;
-	tu_store_put(sysconf_path, "lan_ipaddr", "1");
+	tu_store_put(tu_stores.sysconf, "lan_ipaddr", "1");
 	TU_CHECK_INT(confVerify("lan_ipaddr"), -1);
 }
 
@@ -705,7 +675,7 @@ test_verify_before_index_built_rejects(void **state)
 	assert_true(tu_child_ok(tu_run_child(child_index_not_initialised, NULL)));
 }
 
-#define T(fn) cmocka_unit_test_setup_teardown(fn, setup, teardown)
+#define T(fn) cmocka_unit_test_setup_teardown(fn, tu_stores_setup, tu_stores_teardown)
 
 int
 main(void)

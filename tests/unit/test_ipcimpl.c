@@ -28,31 +28,6 @@
 #include "tests/unit/console_capture.h"
 #include "tests/unit/testutil.h"
 
-static char *tmpdir;		/* this test's directory */
-static char *sysconf_path;	/* DB_FILE, not created by the fixture */
-
-static int
-setup(void **state)
-{
-	(void)state;
-	tmpdir = tu_tempdir();
-	tu_stores_env(tmpdir);
-	sysconf_path = tu_path(tmpdir, "sysconf.gdbm");
-	console_reset();
-	return 0;
-}
-
-static int
-teardown(void **state)
-{
-	(void)state;
-	tu_rmtree(tmpdir);
-	free(tmpdir);
-	free(sysconf_path);
-	tmpdir = sysconf_path = NULL;
-	return 0;
-}
-
 /* ---- running one request ---- */
 
 struct run {
@@ -415,7 +390,7 @@ reset_handler(void **state)
 	handler_arguments[0] = '\0';
 	handler_deferred = (void *)&handler_calls;
 	stashed = NULL;
-	return setup(state);
+	return tu_stores_setup(state);
 }
 
 static void
@@ -644,7 +619,7 @@ static void
 child_ipc_init_with_store(void *arg)
 {
 	(void)arg;
-	tu_store_put(sysconf_path, "lan_ipaddr", "\"192.168.1.1\"");
+	tu_store_put(tu_stores.sysconf, "lan_ipaddr", "\"192.168.1.1\"");
 	console_reset();
 	TU_CHECK_INT(ipc_init(), 0);
 	TU_CHECK_STR(console_captured(), "");
@@ -713,7 +688,7 @@ static void
 test_pref_get_confs_not_array_continues_with_infos(void **state)
 {
 	(void)state;
-	tu_store_put(sysconf_path, "lan_ipaddr", "\"192.168.1.1\"");
+	tu_store_put(tu_stores.sysconf, "lan_ipaddr", "\"192.168.1.1\"");
 	expect_reply("{\"method\":\"pref-get\",\"arguments\":{\"confs\":\"lan_ipaddr\",\"infos\":[]}}",
 		     "{ \"arguments\": { \"confs\": { }, \"infos\": { } }, \"result\": \"success\" }",
 		     "confs invalid data.\n");
@@ -732,8 +707,8 @@ static void
 test_pref_get_found_name_present_missing_name_absent(void **state)
 {
 	(void)state;
-	tu_store_put(sysconf_path, "lan_ipaddr", "\"192.168.1.1\"");
-	tu_store_put(sysconf_path, "other", "1");
+	tu_store_put(tu_stores.sysconf, "lan_ipaddr", "\"192.168.1.1\"");
+	tu_store_put(tu_stores.sysconf, "other", "1");
 	expect_reply("{\"method\":\"pref-get\",\"arguments\":{\"confs\":[\"lan_ipaddr\",\"no_such\"],"
 		     "\"infos\":[]}}",
 		     "{ \"arguments\": { \"confs\": { \"lan_ipaddr\": \"192.168.1.1\" }, "
@@ -744,9 +719,9 @@ static void
 test_pref_get_values_keep_their_json_type(void **state)
 {
 	(void)state;
-	tu_store_put(sysconf_path, "n", "5");
-	tu_store_put(sysconf_path, "o", "{\"a\":[1,2]}");
-	tu_store_put(sysconf_path, "b", "true");
+	tu_store_put(tu_stores.sysconf, "n", "5");
+	tu_store_put(tu_stores.sysconf, "o", "{\"a\":[1,2]}");
+	tu_store_put(tu_stores.sysconf, "b", "true");
 	expect_reply("{\"method\":\"pref-get\",\"arguments\":{\"confs\":[\"n\",\"o\",\"b\"],\"infos\":[]}}",
 		     "{ \"arguments\": { \"confs\": { \"n\": 5, \"o\": { \"a\": [ 1, 2 ] }, "
 		     "\"b\": true }, \"infos\": { } }, \"result\": \"success\" }", "");
@@ -756,8 +731,8 @@ static void
 test_pref_get_non_json_value_left_out(void **state)
 {
 	(void)state;
-	tu_store_put(sysconf_path, "wl_enable", "on");	/* a script's value, no quotes */
-	tu_store_put(sysconf_path, "wl_ssid", "\"travel\"");
+	tu_store_put(tu_stores.sysconf, "wl_enable", "on");	/* a script's value, no quotes */
+	tu_store_put(tu_stores.sysconf, "wl_ssid", "\"travel\"");
 	expect_reply("{\"method\":\"pref-get\",\"arguments\":{\"confs\":[\"wl_enable\",\"wl_ssid\"],"
 		     "\"infos\":[]}}",
 		     "{ \"arguments\": { \"confs\": { \"wl_ssid\": \"travel\" }, \"infos\": { } }, "
@@ -768,7 +743,7 @@ static void
 test_pref_get_repeated_name_single_member(void **state)
 {
 	(void)state;
-	tu_store_put(sysconf_path, "a", "\"x\"");
+	tu_store_put(tu_stores.sysconf, "a", "\"x\"");
 	expect_reply("{\"method\":\"pref-get\",\"arguments\":{\"confs\":[\"a\",\"a\"],\"infos\":[]}}",
 		     "{ \"arguments\": { \"confs\": { \"a\": \"x\" }, \"infos\": { } }, "
 		     "\"result\": \"success\" }", "");
@@ -873,7 +848,7 @@ test_pref_set_confs_missing_internal_error(void **state)
 			    "{ \"arguments\": { }, \"result\": \"internal error\" }");
 	assert_string_equal(run.out, "");
 	assert_string_equal(run.err, "[warn] prefSet: No confs field.\n\n");
-	assert_int_equal(stat(sysconf_path, &st), -1);	/* store not touched */
+	assert_int_equal(stat(tu_stores.sysconf, &st), -1);	/* store not touched */
 	run_free(&run);
 }
 
@@ -890,14 +865,14 @@ test_pref_set_confs_not_object_internal_error(void **state)
 			    "{ \"arguments\": { }, \"result\": \"internal error\" }");
 	assert_string_equal(run.out, "");
 	assert_string_equal(run.err, "[warn] confs not required type data.\n\n");
-	assert_int_equal(stat(sysconf_path, &st), -1);
+	assert_int_equal(stat(tu_stores.sysconf, &st), -1);
 	run_free(&run);
 }
 
 static void
 test_pref_set_store_cannot_open_internal_error(void **state)
 {
-	char *missing = tu_path(tmpdir, "no_dir/sysconf.gdbm");
+	char *missing = tu_path(tu_stores.dir, "no_dir/sysconf.gdbm");
 	struct run run;
 
 	(void)state;
@@ -916,11 +891,11 @@ static void
 child_pref_set_on(void *arg)
 {
 	(void)arg;
-	tu_store_put(sysconf_path, "wl_enable", "\"off\"");
+	tu_store_put(tu_stores.sysconf, "wl_enable", "\"off\"");
 	TU_CHECK_INT(confIndexInit(), 0);
 	child_expect_reply("{\"method\":\"pref-set\",\"arguments\":{\"confs\":{\"wl_enable\":\"on\"}}}",
 			   "{ \"arguments\": { }, \"result\": \"success\" }", "", "");
-	TU_CHECK_RECORD(sysconf_path, "wl_enable", "\"on\"\0");
+	TU_CHECK_RECORD(tu_stores.sysconf, "wl_enable", "\"on\"\0");
 	child_expect_reply("{\"method\":\"pref-get\",\"arguments\":{\"confs\":[\"wl_enable\"],\"infos\":[]}}",
 			   "{ \"arguments\": { \"confs\": { \"wl_enable\": \"on\" }, \"infos\": { } }, "
 			   "\"result\": \"success\" }", "", "");
@@ -937,16 +912,16 @@ static void
 child_pref_set_types(void *arg)
 {
 	(void)arg;
-	tu_store_put(sysconf_path, "n", "1");
-	tu_store_put(sysconf_path, "o", "{}");
-	tu_store_put(sysconf_path, "b", "false");
+	tu_store_put(tu_stores.sysconf, "n", "1");
+	tu_store_put(tu_stores.sysconf, "o", "{}");
+	tu_store_put(tu_stores.sysconf, "b", "false");
 	TU_CHECK_INT(confIndexInit(), 0);
 	child_expect_reply("{\"method\":\"pref-set\",\"arguments\":{\"confs\":"
 			   "{\"n\":42,\"o\":{\"k\":[1,\"v\"]},\"b\":true}}}",
 			   "{ \"arguments\": { }, \"result\": \"success\" }", "", "");
-	TU_CHECK_RECORD(sysconf_path, "n", "42\0");
-	TU_CHECK_RECORD(sysconf_path, "o", "{ \"k\": [ 1, \"v\" ] }\0");
-	TU_CHECK_RECORD(sysconf_path, "b", "true\0");
+	TU_CHECK_RECORD(tu_stores.sysconf, "n", "42\0");
+	TU_CHECK_RECORD(tu_stores.sysconf, "o", "{ \"k\": [ 1, \"v\" ] }\0");
+	TU_CHECK_RECORD(tu_stores.sysconf, "b", "true\0");
 }
 
 static void
@@ -960,17 +935,17 @@ static void
 child_pref_set_product_model(void *arg)
 {
 	(void)arg;
-	tu_store_put(sysconf_path, "a", "1");
-	tu_store_put(sysconf_path, "product_model", "\"HX100\"");
-	tu_store_put(sysconf_path, "b", "2");
+	tu_store_put(tu_stores.sysconf, "a", "1");
+	tu_store_put(tu_stores.sysconf, "product_model", "\"HX100\"");
+	tu_store_put(tu_stores.sysconf, "b", "2");
 	TU_CHECK_INT(confIndexInit(), 0);
 	child_expect_reply("{\"method\":\"pref-set\",\"arguments\":{\"confs\":"
 			   "{\"a\":10,\"product_model\":\"X\",\"b\":20}}}",
 			   "{ \"arguments\": { }, \"result\": \"internal error\" }", "",
 			   "[warn] Set invalid sysconf key product_model.\n\n");
-	TU_CHECK_RECORD(sysconf_path, "a", "10\0");
-	TU_CHECK_RECORD(sysconf_path, "product_model", "\"HX100\"\0");
-	TU_CHECK_RECORD(sysconf_path, "b", "2\0");
+	TU_CHECK_RECORD(tu_stores.sysconf, "a", "10\0");
+	TU_CHECK_RECORD(tu_stores.sysconf, "product_model", "\"HX100\"\0");
+	TU_CHECK_RECORD(tu_stores.sysconf, "b", "2\0");
 }
 
 static void
@@ -984,16 +959,16 @@ static void
 child_pref_set_unknown_key(void *arg)
 {
 	(void)arg;
-	tu_store_put(sysconf_path, "a", "1");
-	tu_store_put(sysconf_path, "b", "2");
+	tu_store_put(tu_stores.sysconf, "a", "1");
+	tu_store_put(tu_stores.sysconf, "b", "2");
 	TU_CHECK_INT(confIndexInit(), 0);
 	child_expect_reply("{\"method\":\"pref-set\",\"arguments\":{\"confs\":"
 			   "{\"a\":10,\"new_key\":1,\"b\":20}}}",
 			   "{ \"arguments\": { }, \"result\": \"internal error\" }", "",
 			   "[warn] Set invalid sysconf key new_key.\n\n");
-	TU_CHECK_RECORD(sysconf_path, "a", "10\0");
-	TU_CHECK_NO_RECORD(sysconf_path, "new_key");
-	TU_CHECK_RECORD(sysconf_path, "b", "2\0");
+	TU_CHECK_RECORD(tu_stores.sysconf, "a", "10\0");
+	TU_CHECK_NO_RECORD(tu_stores.sysconf, "new_key");
+	TU_CHECK_RECORD(tu_stores.sysconf, "b", "2\0");
 }
 
 static void
@@ -1007,13 +982,13 @@ static void
 child_pref_set_key_added_after_start(void *arg)
 {
 	(void)arg;
-	tu_store_put(sysconf_path, "a", "1");
+	tu_store_put(tu_stores.sysconf, "a", "1");
 	TU_CHECK_INT(confIndexInit(), 0);
-	tu_store_put(sysconf_path, "late", "1");
+	tu_store_put(tu_stores.sysconf, "late", "1");
 	child_expect_reply("{\"method\":\"pref-set\",\"arguments\":{\"confs\":{\"late\":2}}}",
 			   "{ \"arguments\": { }, \"result\": \"internal error\" }", "",
 			   "[warn] Set invalid sysconf key late.\n\n");
-	TU_CHECK_RECORD(sysconf_path, "late", "1\0");
+	TU_CHECK_RECORD(tu_stores.sysconf, "late", "1\0");
 }
 
 static void
@@ -1027,11 +1002,11 @@ static void
 child_pref_set_repeated_name(void *arg)
 {
 	(void)arg;
-	tu_store_put(sysconf_path, "a", "1");
+	tu_store_put(tu_stores.sysconf, "a", "1");
 	TU_CHECK_INT(confIndexInit(), 0);
 	child_expect_reply("{\"method\":\"pref-set\",\"arguments\":{\"confs\":{\"a\":2,\"a\":\"3\"}}}",
 			   "{ \"arguments\": { }, \"result\": \"success\" }", "", "");
-	TU_CHECK_RECORD(sysconf_path, "a", "\"3\"\0");
+	TU_CHECK_RECORD(tu_stores.sysconf, "a", "\"3\"\0");
 }
 
 static void
@@ -1081,8 +1056,8 @@ test_pref_set_assertion_in_module_ipcimpl(void **state)
 		fail_msg("assertion message: %s", text);
 }
 
-#define T(fn) cmocka_unit_test_setup_teardown(fn, setup, teardown)
-#define TH(fn) cmocka_unit_test_setup_teardown(fn, reset_handler, teardown)
+#define T(fn) cmocka_unit_test_setup_teardown(fn, tu_stores_setup, tu_stores_teardown)
+#define TH(fn) cmocka_unit_test_setup_teardown(fn, reset_handler, tu_stores_teardown)
 
 int
 main(void)

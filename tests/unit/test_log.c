@@ -1,7 +1,5 @@
 /* Unit tests of Part 1.3: the gw_* logging family (core/log.c). */
 #include <errno.h>
-#include <fcntl.h>
-#include <limits.h>
 #include <setjmp.h>
 #include <stdarg.h>
 #include <stddef.h>
@@ -17,63 +15,20 @@
 
 #include "core/log.h"
 #include "core/util.h"
+#include "tests/unit/testutil.h"
 
 #define CAPTURE_MAX 4096
 
-/* ---- stderr capture: fd 2 goes to an unlinked temporary file ---- */
+/* ---- stderr capture (testutil) ---- */
 
-struct capture {
-	int saved;
-	int fd;
-};
-
-static int
-temp_fd(void)
-{
-	const char *tmpdir = getenv("TMPDIR");
-	char path[PATH_MAX];
-	int fd;
-
-	if (tmpdir == NULL || tmpdir[0] == '\0')
-		tmpdir = "/tmp";
-	snprintf(path, sizeof(path), "%s/hxlogXXXXXX", tmpdir);
-	fd = mkstemp(path);
-	assert_true(fd >= 0);
-	unlink(path);
-	return fd;
-}
-
+/* Ends the capture; what was written to stderr goes to out. */
 static void
-capture_begin(struct capture *cap)
+capture_end(struct tu_capture *cap, char *out, size_t size)
 {
-	fflush(stderr);
-	cap->fd = temp_fd();
-	cap->saved = dup(STDERR_FILENO);
-	assert_true(cap->saved >= 0);
-	assert_int_equal(dup2(cap->fd, STDERR_FILENO), STDERR_FILENO);
-}
+	char *text = tu_capture_end(cap);
 
-static void
-read_all(int fd, char *out, size_t size)
-{
-	ssize_t n;
-	size_t used = 0;
-
-	assert_int_equal(lseek(fd, 0, SEEK_SET), 0);
-	while (used + 1 < size && (n = read(fd, out + used, size - used - 1)) > 0)
-		used += (size_t)n;
-	out[used] = '\0';
-}
-
-/* Restores stderr and returns what was written to it. */
-static void
-capture_end(struct capture *cap, char *out, size_t size)
-{
-	fflush(stderr);
-	dup2(cap->saved, STDERR_FILENO);
-	close(cap->saved);
-	read_all(cap->fd, out, size);
-	close(cap->fd);
+	strlcpy(out, text, size);
+	free(text);
 }
 
 /* ---- callback recording ---- */
@@ -106,11 +61,11 @@ reset_callback(void **state)
 static void
 test_default_output_format(void **state)
 {
-	struct capture cap;
+	struct tu_capture cap;
 	char out[CAPTURE_MAX];
 
 	(void)state;
-	capture_begin(&cap);
+	tu_capture_begin(&cap, stderr);
 	errno = ENOENT;
 	gw_warn("open %s", "/x");
 	errno = ENOENT;
@@ -128,11 +83,11 @@ test_default_output_format(void **state)
 static void
 test_message_keeps_own_newline(void **state)
 {
-	struct capture cap;
+	struct tu_capture cap;
 	char out[CAPTURE_MAX];
 
 	(void)state;
-	capture_begin(&cap);
+	tu_capture_begin(&cap, stderr);
 	gw_msgx("line\n");
 	capture_end(&cap, out, sizeof(out));
 	assert_string_equal(out, "[msg] line\n\n");
@@ -143,12 +98,12 @@ test_message_keeps_own_newline(void **state)
 static void
 test_callback_gets_level_and_message_only(void **state)
 {
-	struct capture cap;
+	struct tu_capture cap;
 	char out[CAPTURE_MAX];
 
 	(void)state;
 	gw_set_log_callback(record);
-	capture_begin(&cap);
+	tu_capture_begin(&cap, stderr);
 	errno = EACCES;
 	gw_warn("w%d", 1);
 	capture_end(&cap, out, sizeof(out));
@@ -172,13 +127,13 @@ test_callback_gets_level_and_message_only(void **state)
 static void
 test_null_callback_restores_stderr(void **state)
 {
-	struct capture cap;
+	struct tu_capture cap;
 	char out[CAPTURE_MAX];
 
 	(void)state;
 	gw_set_log_callback(record);
 	gw_set_log_callback(NULL);
-	capture_begin(&cap);
+	tu_capture_begin(&cap, stderr);
 	gw_msgx("back");
 	capture_end(&cap, out, sizeof(out));
 	assert_string_equal(out, "[msg] back\n");
@@ -262,7 +217,7 @@ test_null_format_is_empty_message(void **state)
 	/* Through pointers without the format attribute, to pass NULL. */
 	void (*warn)(const char *, ...) = gw_warn;
 	void (*warnx)(const char *, ...) = gw_warnx;
-	struct capture cap;
+	struct tu_capture cap;
 	char out[CAPTURE_MAX];
 
 	(void)state;
@@ -275,7 +230,7 @@ test_null_format_is_empty_message(void **state)
 	assert_string_equal(cb_message, ": Permission denied");
 
 	gw_set_log_callback(NULL);
-	capture_begin(&cap);
+	tu_capture_begin(&cap, stderr);
 	warnx(NULL);
 	capture_end(&cap, out, sizeof(out));
 	assert_string_equal(out, "[warn] \n");
@@ -288,25 +243,26 @@ struct exit_result {
 	char out[CAPTURE_MAX];
 };
 
-/* Runs fn in a child whose stderr goes to a temporary file. */
+/* Runs fn in a child whose stderr is captured; the child exits with 100
+ * when fn returns.  The checks follow the capture, so that a failure is
+ * reported on the real stderr. */
 static void
 run_in_child(void (*fn)(void), struct exit_result *res)
 {
-	int fd = temp_fd();
-	pid_t pid;
+	struct tu_capture cap;
+	pid_t pid, waited = -1;
 
-	fflush(stdout);
-	fflush(stderr);
-	pid = fork();
-	assert_true(pid >= 0);
+	tu_capture_begin(&cap, stderr);
+	pid = tu_fork();
 	if (pid == 0) {
-		dup2(fd, STDERR_FILENO);
 		fn();
 		_exit(100);
 	}
-	assert_int_equal(waitpid(pid, &res->status, 0), pid);
-	read_all(fd, res->out, sizeof(res->out));
-	close(fd);
+	if (pid >= 0)
+		waited = waitpid(pid, &res->status, 0);
+	capture_end(&cap, res->out, sizeof(res->out));
+	assert_true(pid >= 0);
+	assert_int_equal(waited, pid);
 }
 
 static void

@@ -49,34 +49,12 @@ static const char *const revalidate_names[] = {
 
 #define N_NAMES(a) (sizeof(a) / sizeof((a)[0]))
 
-static char *tmpdir;
-
 static int
 group_setup(void **state)
 {
 	(void)state;
 	infos_init();
 	revalidates_init();
-	return 0;
-}
-
-static int
-setup(void **state)
-{
-	(void)state;
-	tmpdir = tu_tempdir();
-	tu_stores_env(tmpdir);
-	console_reset();
-	return 0;
-}
-
-static int
-teardown(void **state)
-{
-	(void)state;
-	tu_rmtree(tmpdir);
-	free(tmpdir);
-	tmpdir = NULL;
 	return 0;
 }
 
@@ -415,7 +393,7 @@ test_revalidates_init_assertion_in_ipcimpl_revalidates_init(void **state)
 	expect_duplicate_abort(child_revalidates_init_again, "ipcimpl", "revalidates_init");
 }
 
-#define T(fn) cmocka_unit_test_setup_teardown(fn, setup, teardown)
+#define T(fn) cmocka_unit_test_setup_teardown(fn, tu_stores_setup, tu_stores_teardown)
 
 int
 main(void)

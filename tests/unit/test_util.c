@@ -20,6 +20,7 @@
 
 #include "core/log.h"
 #include "core/util.h"
+#include "tests/unit/testutil.h"
 
 /* The 69 characters that _q_urlencode keeps (spec Part 1.3 lists them). */
 static const char url_safe_set[] =
@@ -99,9 +100,7 @@ spawn_pauser(void)
 {
 	pid_t pid;
 
-	fflush(stdout);
-	fflush(stderr);
-	pid = fork();
+	pid = tu_fork();
 	assert_true(pid >= 0);
 	if (pid == 0) {
 		alarm(60);
@@ -513,10 +512,8 @@ test_kill_pidfile_refuses_pid_zero(void **state)
 	(void)state;
 	tmp_path(path, sizeof(path), "zero.pid");
 	write_file(path, "0\n");
-	fflush(stdout);
-	fflush(stderr);
 	/* In a process group of its own, so a regression kills only it. */
-	child = fork();
+	child = tu_fork();
 	assert_true(child >= 0);
 	if (child == 0) {
 		setpgid(0, 0);
@@ -559,9 +556,7 @@ spawn_named_sleeper(const char *name)
 	if (access(exe, F_OK) != 0)
 		assert_int_equal(symlink("/bin/sleep", exe), 0);
 	assert_int_equal(pipe2(ready, O_CLOEXEC), 0);
-	fflush(stdout);
-	fflush(stderr);
-	pid = fork();
+	pid = tu_fork();
 	assert_true(pid >= 0);
 	if (pid == 0) {
 		execl(exe, name, "60", (char *)NULL);

@@ -14,6 +14,7 @@
 #include <gdbm.h>
 #include <json-c/json.h>
 
+#include "tests/unit/console_capture.h"
 #include "tests/unit/testutil.h"
 
 /* The standard error of the process before any capture, for diagnostics. */
@@ -64,16 +65,22 @@ escape(char *out, size_t size, const char *bytes, size_t n)
 
 /* ---- temporary directories ---- */
 
+/* $TMPDIR, or /tmp when it is unset or empty. */
+static const char *
+tmp_base(void)
+{
+	const char *base = getenv("TMPDIR");
+
+	return base == NULL || base[0] == '\0' ? "/tmp" : base;
+}
+
 char *
 tu_tempdir(void)
 {
-	const char *base = getenv("TMPDIR");
 	char path[PATH_MAX];
 	char *dir;
 
-	if (base == NULL || base[0] == '\0')
-		base = "/tmp";
-	snprintf(path, sizeof(path), "%s/hxunitXXXXXX", base);
+	snprintf(path, sizeof(path), "%s/hxunitXXXXXX", tmp_base());
 	if (mkdtemp(path) == NULL)
 		die("mkdtemp");
 	dir = strdup(path);
@@ -131,6 +138,34 @@ tu_stores_env(const char *dir)
 	free(path);
 }
 
+struct tu_stores tu_stores;
+
+int
+tu_stores_setup(void **state)
+{
+	(void)state;
+	tu_stores.dir = tu_tempdir();
+	tu_stores_env(tu_stores.dir);
+	tu_stores.sysconf = tu_path(tu_stores.dir, "sysconf.gdbm");
+	tu_stores.rtconf = tu_path(tu_stores.dir, "rtconf.gdbm");
+	tu_stores.sysinfo = tu_path(tu_stores.dir, "sysinfo.gdbm");
+	console_reset();
+	return 0;
+}
+
+int
+tu_stores_teardown(void **state)
+{
+	(void)state;
+	tu_rmtree(tu_stores.dir);
+	free(tu_stores.dir);
+	free(tu_stores.sysconf);
+	free(tu_stores.rtconf);
+	free(tu_stores.sysinfo);
+	tu_stores.dir = tu_stores.sysconf = tu_stores.rtconf = tu_stores.sysinfo = NULL;
+	return 0;
+}
+
 void
 tu_store_raw(const char *path, const void *key, size_t key_size, const void *value,
 	     size_t value_size)
@@ -178,7 +213,6 @@ tu_store_fetch(const char *path, const char *key, size_t *size)
 void
 tu_capture_begin(struct tu_capture *capture, FILE *stream)
 {
-	const char *base = getenv("TMPDIR");
 	char path[PATH_MAX];
 
 	if (diag_fd < 0) {
@@ -186,9 +220,7 @@ tu_capture_begin(struct tu_capture *capture, FILE *stream)
 		if (diag_fd < 0)
 			die("dup");
 	}
-	if (base == NULL || base[0] == '\0')
-		base = "/tmp";
-	snprintf(path, sizeof(path), "%s/hxcaptureXXXXXX", base);
+	snprintf(path, sizeof(path), "%s/hxcaptureXXXXXX", tmp_base());
 	capture->tmp = mkstemp(path);
 	if (capture->tmp < 0)
 		die("mkstemp");
@@ -244,15 +276,21 @@ tu_reply_capture(struct json_object *reply, void *client)
 
 /* ---- forked scenarios ---- */
 
+pid_t
+tu_fork(void)
+{
+	fflush(stdout);
+	fflush(stderr);
+	return fork();
+}
+
 int
 tu_run_child(void (*fn)(void *), void *arg)
 {
 	int status;
 	pid_t pid;
 
-	fflush(stdout);
-	fflush(stderr);
-	pid = fork();
+	pid = tu_fork();
 	if (pid < 0)
 		die("fork");
 	if (pid == 0) {
@@ -285,21 +323,9 @@ tu_run_child_stderr(void (*fn)(void *), void *arg, char **err_text)
 {
 	struct tu_capture capture;
 	int status;
-	pid_t pid;
 
 	tu_capture_begin(&capture, stderr);
-	fflush(stdout);
-	pid = fork();
-	if (pid < 0)
-		die("fork");
-	if (pid == 0) {
-		fn(arg);
-		fflush(stdout);
-		fflush(stderr);
-		_exit(0);
-	}
-	if (waitpid(pid, &status, 0) != pid)
-		die("waitpid");
+	status = tu_run_child(fn, arg);
 	*err_text = tu_capture_end(&capture);
 	return status;
 }

@@ -10,6 +10,7 @@
 
 #include <stddef.h>
 #include <stdio.h>
+#include <sys/types.h>
 
 struct json_object;
 
@@ -27,6 +28,24 @@ void tu_rmtree(const char *dir);
 /* Points DB_FILE, RT_DB_FILE and INFO_DB_FILE at dir/sysconf.gdbm,
  * dir/rtconf.gdbm and dir/sysinfo.gdbm (the files are not created). */
 void tu_stores_env(const char *dir);
+
+/* The stores of the running test: a temporary directory of its own and
+ * the paths of the three stores in it. */
+struct tu_stores {
+	char *dir;
+	char *sysconf;		/* DB_FILE */
+	char *rtconf;		/* RT_DB_FILE */
+	char *sysinfo;		/* INFO_DB_FILE */
+};
+extern struct tu_stores tu_stores;
+
+/* A cmocka setup and teardown (state is not used).  The setup makes
+ * tu_stores's directory, points the environment at its stores
+ * (tu_stores_env; the files are not created) and empties the console
+ * capture; the teardown removes the directory and frees and clears the
+ * paths. */
+int tu_stores_setup(void **state);
+int tu_stores_teardown(void **state);
 
 /* Writes one record with gdbm directly (GDBM_WRCREAT, replace). */
 void tu_store_raw(const char *path, const void *key, size_t key_size,
@@ -65,6 +84,10 @@ struct tu_replies {
 void tu_reply_capture(struct json_object *reply, void *client);
 
 /* ---- forked scenarios ---- */
+
+/* Flushes standard output and standard error, so that the child does not
+ * write their buffered text a second time, then forks; fork's result. */
+pid_t tu_fork(void);
 
 /* Runs fn(arg) in a child process that exits 0 when fn returns; returns
  * the wait status (0 when the child succeeded). */
