@@ -100,33 +100,47 @@ confGet(const char *path, const char *key, struct evbuffer *buf)
 	return ret;
 }
 
-/* The original stored content length + 1 bytes straight from the buffer,
- * relying on a NUL behind the content; the NUL is appended explicitly here.
- * An empty buffer has no data at all, and the store refuses it. */
-int
-confSet(const char *path, const char *key, struct evbuffer *buf)
+/* Stores size bytes of data under key; NULL data is refused. */
+static int
+conf_store(const char *path, const char *key, const char *data, size_t size)
 {
-	size_t len = EVBUFFER_LENGTH(buf);
 	GDBM_FILE db = confOpenWriter(path);
-	char *data;
-	datum value;
+	datum value = { (char *)data, (int)size };
 	int ret = 0;
 
 	if (db == NULL)
 		return -1;
-	data = len > 0 ? malloc(len + 1) : NULL;
-	if (data != NULL) {
-		evbuffer_copyout(buf, data, len);
-		data[len] = '\0';
-	}
-	value.dptr = data;
-	value.dsize = (int)len + 1;
 	if (data == NULL || gdbm_store(db, conf_key(key), value, GDBM_REPLACE) != 0) {
 		gw_console("_confSet: Item '%s' not inserted. \n", key);
 		ret = -1;
 	}
-	free(data);
 	gdbm_close(db);
+	return ret;
+}
+
+int
+confSetText(const char *path, const char *key, const char *text)
+{
+	return conf_store(path, key, text, text != NULL ? strlen(text) + 1 : 0);
+}
+
+/* The original stored content length + 1 bytes straight from the buffer,
+ * relying on a NUL behind the content; the NUL is appended explicitly here.
+ * A buffer that never held data has no data pointer at all, and the store
+ * refuses it. */
+int
+confSet(const char *path, const char *key, struct evbuffer *buf)
+{
+	size_t len = EVBUFFER_LENGTH(buf);
+	char *data = len > 0 ? malloc(len + 1) : NULL;
+	int ret;
+
+	if (data != NULL) {
+		evbuffer_copyout(buf, data, len);
+		data[len] = '\0';
+	}
+	ret = conf_store(path, key, data, len + 1);
+	free(data);
 	return ret;
 }
 

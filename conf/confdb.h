@@ -38,6 +38,8 @@ int rtConfSet(const char *key, struct evbuffer *buf);
 /* Generic forms of the above, on any store file. */
 int confGet(const char *path, const char *key, struct evbuffer *buf);
 int confSet(const char *path, const char *key, struct evbuffer *buf);
+/* Stores text plus its NUL ("" gives an empty value); NULL is refused. */
+int confSetText(const char *path, const char *key, const char *text);
 
 int sysConfCopy(const char *dst, const char *src);
 int sysConfSwap(const char *a, const char *b);
