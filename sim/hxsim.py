@@ -82,6 +82,8 @@ STUBS = (
     "/usr/sbin/brctl", "/usr/bin/killall", "/sbin/ifconfig", "/sbin/route",
     "/sbin/reboot", "/sbin/poweroff", "/sbin/halt", "/sbin/shutdown",
 )
+# Real programs that stubs replaced, kept here (Sandbox.real, pass_through).
+REAL_DIR = "/usr/lib/hxsim/real"
 LOG_ARGV_TEXT = """#!/usr/bin/python3 -SE
 import json, os, sys
 fd = os.open("%s", os.O_WRONLY | os.O_CREAT | os.O_APPEND, 0o644)
@@ -159,6 +161,7 @@ class Sandbox:
             os.makedirs(self.path(d), exist_ok=True)
         self.write(LOG_ARGV, LOG_ARGV_TEXT, mode=0o755)
         for p in STUBS:
+            self._keep_real(p)
             self.stub(p, "exit 0\n")
         for name, dest in BINARIES.items():
             src = os.path.join(self.build_dir, name)
@@ -436,6 +439,25 @@ class Sandbox:
 
     def stub_exit(self, p, status):
         self.stub(p, f"exit {int(status)}\n")
+
+    def real(self, p):
+        """Sandbox path of the real program that the stub at p replaced (kept
+        when the host has one, e.g. dnsmasq, route), or None."""
+        kept = f"{REAL_DIR}/{os.path.basename(p)}"
+        return kept if self.exists(kept) else None
+
+    def pass_through(self, p):
+        """The stub at p logs its argv, then runs the real program."""
+        kept = self.real(p)
+        if kept is None:
+            raise FileNotFoundError(f"no real program kept for {p}")
+        self.stub(p, f'exec {kept} "$@"\n')
+
+    def _keep_real(self, p):
+        host = self.path(p)
+        if os.path.isfile(host) and os.access(host, os.X_OK):
+            os.makedirs(self.path(REAL_DIR), exist_ok=True)
+            shutil.copy2(host, self.path(f"{REAL_DIR}/{os.path.basename(p)}"))
 
     # stores
 
