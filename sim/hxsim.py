@@ -33,7 +33,8 @@ import uuid
 from hxdaemon import SOCKET, Daemon, all_pids, children, detaches, proc_status, wait_until
 from hxfactory import FACTORY, json_record, jsonc_text, load_factory, plain_record
 
-__all__ = ["Sandbox", "Daemon", "jsonc_text", "load_factory", "wait_until", "all_pids"]
+__all__ = ["Sandbox", "Daemon", "jsonc_text", "load_factory", "wait_until", "all_pids",
+           "build_emulator", "build_command"]
 
 SIM = os.path.dirname(os.path.abspath(__file__))
 REPO = os.path.dirname(SIM)
@@ -44,6 +45,9 @@ PATH_INSIDE = "/usr/sbin:/usr/bin:/sbin:/bin"
 PASS_ENV = ("ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS")
 
 LOG_DIR = "/var/log/hxsim"
+# A cross build's binaries (see _install_emulated).
+TARGET_DIR = "/usr/lib/hxsim/target"
+EMU_DIR = "/usr/lib/hxsim/emu"
 CMD_LOG = LOG_DIR + "/cmd.log"
 LOG_ARGV = "/usr/lib/hxsim/log-argv"
 BATTERY = "/sys/class/power_supply/sp2566-0"
@@ -92,6 +96,25 @@ os.write(fd, (json.dumps(sys.argv[1:]) + "\\n").encode())
 MARKER = re.compile(rb"\0hxsim-sync-[0-9a-f]{32}\0")
 
 
+def build_emulator(build_dir):
+    """The emulator command of a cross build (cmake/toolchain-*.cmake), e.g.
+    ["qemu-mipsel", "-L", "/opt/hxsrvd-sysroot/mipsel-linux-gnu"], from the
+    file BUILD/hx-emulator that CMakeLists.txt writes; [] for a native build."""
+    try:
+        with open(os.path.join(build_dir, "hx-emulator")) as f:
+            return [line for line in f.read().splitlines() if line]
+    except FileNotFoundError:
+        return []
+
+
+def build_command(build_dir, name):
+    """The argv that runs the program NAME of build_dir on the host (outside
+    any sandbox): through the build's emulator for a cross build.  Tests that
+    compare what two builds write (a byte-order test runs build-s390x's
+    sysconf and the native one) start their programs with it."""
+    return [*build_emulator(build_dir), os.path.join(build_dir, name)]
+
+
 def _lan_cidr():
     conf = load_factory("sysconf")
     try:
@@ -102,12 +125,20 @@ def _lan_cidr():
 
 
 class Sandbox:
+    """build_dir: where hxsrvd, hxctl and sysconf are ($HX_BUILD, else build/).
+    A cross build's binaries run through its emulator (build_emulator), the
+    daemon and the tools alike. wrapper ($HX_WRAPPER) goes in front of the
+    daemon's command: for a native build, e.g. valgrind; for a cross build it
+    replaces the emulator for the daemon, so it must be one (e.g. "qemu-mipsel
+    -L ROOT -strace")."""
+
     def __init__(self, build_dir=None, seed=True, wrapper=None):
         self.build_dir = build_dir or os.environ.get("HX_BUILD") or os.path.join(REPO, "build")
         self.seed = seed
         if wrapper is None:
             wrapper = shlex.split(os.environ.get("HX_WRAPPER", ""))
         self.wrapper = list(wrapper)
+        self.emulator = build_emulator(self.build_dir)
         self.state = None
         self.init_pid = None
         self._unshare = None
@@ -165,7 +196,11 @@ class Sandbox:
             self.stub(p, "exit 0\n")
         for name, dest in BINARIES.items():
             src = os.path.join(self.build_dir, name)
-            if os.path.isfile(src):
+            if not os.path.isfile(src):
+                continue
+            if self.emulator:
+                self._install_emulated(name, src, dest)
+            else:
                 self._replace(dest)
                 shutil.copy(src, self.path(dest))
                 os.chmod(self.path(dest), 0o755)
@@ -173,6 +208,35 @@ class Sandbox:
         self.set_mtab("")
         if self.seed:
             self._seed()
+
+    def _install_emulated(self, name, src, dest):
+        """A cross build's binary goes to TARGET_DIR/NAME; DEST (the device's
+        path) becomes a script that runs it through the emulator, so the
+        binary can be run by its path, as on the device, without binfmt_misc.
+        The emulator is started through a symbolic link named NAME, so the
+        process's name (comm: pkill -x, killall) is NAME, as it would be with
+        binfmt_misc; the program's argv[0] is the path the script was run by
+        ($0: DEST, also when found on PATH)."""
+        program = shutil.which(self.emulator[0])
+        if not program:
+            raise RuntimeError(f"{self.emulator[0]} (the emulator of {self.build_dir}) "
+                               "is not installed: run scripts/install-cross-deps")
+        target = f"{TARGET_DIR}/{name}"
+        self._replace(target)
+        shutil.copy(src, self.path(target))
+        os.chmod(self.path(target), 0o755)
+        link = f"{EMU_DIR}/{name}"
+        self._replace(link)
+        os.symlink(program, self._resolve(link, follow=False))
+        args = shlex.join(self.emulator[1:])
+        self._replace(dest)
+        self.write(dest, f'#!/bin/sh\nexec {link} -0 "$0" {args} {target} "$@"\n', mode=0o755)
+
+    def daemon_command(self, args=()):
+        """The argv that start_daemon runs inside the sandbox."""
+        if self.emulator and self.wrapper:
+            return [*self.wrapper, f"{TARGET_DIR}/hxsrvd", *args]
+        return [*self.wrapper, BINARIES["hxsrvd"], *args]
 
     def _seed(self):
         tool = self.exists(BINARIES["sysconf"])
@@ -355,7 +419,7 @@ class Sandbox:
         master, slave = pty.openpty()
         tty.setraw(slave)
         with open(base + ".stderr", "wb") as err:
-            proc = self.popen([*self.wrapper, BINARIES["hxsrvd"], *args], env,
+            proc = self.popen(self.daemon_command(args), env,
                               stdin=subprocess.DEVNULL, stdout=slave, stderr=err,
                               start_new_session=True)
         os.close(slave)

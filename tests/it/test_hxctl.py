@@ -16,8 +16,11 @@ import time
 
 import pytest
 
-BUILD = os.environ.get("HX_BUILD", "/work/main/build")
-HXCTL = os.path.join(BUILD, "hxctl")
+from hxsim import REPO, build_command
+
+BUILD = os.environ.get("HX_BUILD") or os.path.join(REPO, "build")
+# A cross build's hxctl runs on the host through its emulator (qemu-user).
+HXCTL = build_command(BUILD, "hxctl")
 TRY = "Try 'hxctl --help' for more information.\n"
 SUCCESS = b'{ "arguments": { }, "result": "success" }'
 
@@ -100,7 +103,7 @@ def serve(sockdir):
 
 
 def run(*args, input=b""):
-    return subprocess.run([HXCTL, *args], input=input, capture_output=True, timeout=60)
+    return subprocess.run([*HXCTL, *args], input=input, capture_output=True, timeout=60)
 
 
 def exchange(server, sockdir, *args, input=b""):
