@@ -1,46 +1,50 @@
 /* Part 2.2: handler registry and target tables. */
+#include <stdio.h>
 #include <string.h>
+
+#include <json-c/json.h>
 
 #include "core/hxassert.h"
 #include "ipc/handlers.h"
 #include "ipc/registry.h"
+#include "net/net.h"
 
 #define ROW(name, handler) { name, handler, { NULL, NULL, NULL, 0 } }
 
 /* Rows answered by ipc_not_built belong to later issues; the README lists them. */
 static ipc_handler_entry info_table[IPC_TABLE_ROWS] = {
-	ROW("p_model", ipc_not_built),
-	ROW("p_description", ipc_not_built),
-	ROW("s_time", ipc_not_built),
-	ROW("s_sysinfo", ipc_not_built),
-	ROW("s_osinfo", ipc_not_built),
-	ROW("s_boardinfo", ipc_not_built),
-	ROW("s_rootfsver", ipc_not_built),
-	ROW("s_waninfo", ipc_not_built),
-	ROW("s_wan_dns", ipc_not_built),
-	ROW("s_wan_gw", ipc_not_built),
-	ROW("s_laninfo", ipc_not_built),
-	ROW("s_logs", ipc_not_built),
-	ROW("s_dhcpleases", ipc_not_built),
-	ROW("s_stalist", ipc_not_built),
+	ROW("p_model", info_p_model),
+	ROW("p_description", info_p_description),
+	ROW("s_time", info_s_time),
+	ROW("s_sysinfo", info_s_sysinfo),
+	ROW("s_osinfo", info_s_osinfo),
+	ROW("s_boardinfo", info_s_boardinfo),
+	ROW("s_rootfsver", info_s_rootfsver),
+	ROW("s_waninfo", info_s_waninfo),
+	ROW("s_wan_dns", info_s_wan_dns),
+	ROW("s_wan_gw", info_s_wan_gw),
+	ROW("s_laninfo", info_s_laninfo),
+	ROW("s_logs", info_s_logs),
+	ROW("s_dhcpleases", info_s_dhcpleases),
+	ROW("s_stalist", info_s_stalist),
 	ROW("s_aplist", ipc_not_built),
 	ROW("s_scanap", ipc_not_built),
 	ROW("s_scanapresult", ipc_not_built),
 	ROW("s_staconninfo", ipc_not_built),
-	ROW("s_routesactive", ipc_not_built),
-	ROW("s_upnplist", ipc_not_built),
-	ROW("wl_radio", ipc_not_built),
-	ROW("ws_state", ipc_not_built),
-	ROW("fwup_status", ipc_not_built),
+	ROW("s_routesactive", info_s_routesactive),
+	ROW("s_upnplist", info_s_upnplist),
+	ROW("wl_radio", info_wl_radio),
+	ROW("ws_state", info_ws_state),
+	ROW("fwup_status", info_fwup_status),
 	ROW("diskstatus", ipc_not_built),
 	ROW("disk_list", ipc_not_built),
 	ROW("pmd_status", ipc_not_built),
-	ROW("fw_version", ipc_not_built),
+	ROW("fw_version", info_s_rootfsver),
 	ROW("sleep_timeout", ipc_not_built),
 	ROW("disk_probe", ipc_not_built),
 	ROW("s_synctasklist", ipc_not_built),
 	ROW("backup_stat", ipc_not_built),
-	ROW("owner_list", ipc_not_built),
+	ROW("owner_list", info_owner_list),
 	ROW("sdcard_status", ipc_not_built),
 	ROW("sd_backup_logs", ipc_not_built),
 	ROW("s_wl_channel", ipc_not_built),
@@ -55,14 +59,14 @@ static ipc_handler_entry info_table[IPC_TABLE_ROWS] = {
 static ipc_handler_entry revalidate_table[IPC_TABLE_ROWS] = {
 	ROW("wan", ipc_not_built),
 	ROW("lan", ipc_not_built),
-	ROW("dhcp", ipc_not_built),
+	ROW("dhcp", _revalidate_dhcp),
 	ROW("wl", ipc_not_built),
 	ROW("wl_radio", ipc_not_built),
 	ROW("wl_power_save_mode", ipc_not_built),
-	ROW("firewall", ipc_not_built),
-	ROW("upnp", ipc_not_built),
-	ROW("datetime", ipc_not_built),
-	ROW("staticroute", ipc_not_built),
+	ROW("firewall", _revalidate_firewall),
+	ROW("upnp", _revalidate_upnp),
+	ROW("datetime", _revalidate_datetime),
+	ROW("staticroute", _revalidate_staticRoute),
 	ROW("httpd", ipc_not_built),
 	ROW("fw_upgrade", ipc_not_built),
 	ROW("uploadsysconf", ipc_not_built),
@@ -170,4 +174,26 @@ _revalidate_noop(struct json_object *value, struct json_object *reply_arguments,
 	(void)reply_arguments;
 	(void)deferred;
 	return NULL;
+}
+
+const char *
+ipc_target_check(struct json_object *value, const char *error)
+{
+	if (value == NULL) {
+		puts("Input parameter is NULL.");
+		return error;
+	}
+	if (!json_object_is_type(value, json_type_object)) {
+		puts("Unexpected json type.");
+		return error;
+	}
+	return NULL;
+}
+
+const char *
+ipc_target_action(struct json_object *value)
+{
+	struct json_object *action = json_object_object_get(value, "action");
+
+	return json_object_is_type(action, json_type_string) ? json_object_get_string(action) : NULL;
 }

@@ -23,6 +23,13 @@ void revalidates_init(void);
 ipc_handler_entry *info_find(const char *name);
 ipc_handler_entry *revalidate_find(const char *name);
 
+/* Steps 1 and 2 of the common shape of a target handler (Part 2.2): prints
+ * "Input parameter is NULL." for a null value or "Unexpected json type." for
+ * one that is not an object and returns error; NULL when value is an object. */
+const char *ipc_target_check(struct json_object *value, const char *error);
+/* The text of value's string member "action", or NULL. */
+const char *ipc_target_action(struct json_object *value);
+
 /* Rows whose handler belongs to a later issue (see README). */
 const char *ipc_not_built(struct json_object *value,
 			  struct json_object *reply_arguments, void *deferred);

@@ -17,6 +17,10 @@ int dhcp_stop(void);
 int dhcp_restart(void);
 int get_DNS(DnsServerList *list);
 int get_GW(const char *ifname, char gateway[16]);
+/* The same two readers on another file than "/etc/resolv.conf" and
+ * "/proc/net/route" (the unit tests' fixtures). */
+int get_DNS_file(const char *path, DnsServerList *list);
+int get_GW_file(const char *path, const char *ifname, char gateway[16]);
 const char *_revalidate_dhcp(struct json_object *value, struct json_object *reply_arguments, void *deferred);
 
 /* Part 4.2 (the rest comes with the Wi-Fi and WAN issue) */

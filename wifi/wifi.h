@@ -16,5 +16,8 @@ struct wl_sta_list {
 /* Fills list from the utility's output; sets count also on failure
  * (Part 2.5): 0, or -1 when the utility cannot be run. */
 int wl_getStaList(struct wl_sta_list *list);
+/* One line of that output: "MAC Address: %s" starts a station (ignored
+ * once the list is full), "Rssi : %s dBm" gives the last one its signal. */
+void wl_staListParseLine(const char *line, struct wl_sta_list *list);
 
 #endif

@@ -5,6 +5,7 @@ import time
 import pytest
 
 from helpers import console_after, wait_for
+from hxdaemon import process_state
 
 USAGE = ("usage: hxsrvd [-dfh]\n\n"
          "  -d --debug                Print data send and received, implies -f\n"
@@ -30,6 +31,13 @@ def answers(sandbox):
         return sandbox.request(REQUEST) == REPLY
     except OSError:
         return False
+
+
+def stop_for_sure(daemon):
+    """SIGSTOP, and wait until the daemon is stopped: signals sent after that
+    stay pending until SIGCONT (two of the same kind merge into one)."""
+    daemon.signal(signal.SIGSTOP)
+    wait_for(lambda: process_state(daemon.host_pid) == "T")
 
 
 def stop(daemon):
@@ -122,7 +130,7 @@ def test_second_signal_while_exiting_kills_by_that_signal(fresh):
     exit, the second ends the process by itself."""
     d = fresh.start_daemon()
     mark = fresh.console()
-    d.signal(signal.SIGSTOP)
+    stop_for_sure(d)
     d.signal(signal.SIGINT)
     d.signal(signal.SIGTERM)
     d.signal(signal.SIGCONT)
@@ -135,7 +143,7 @@ def test_second_signal_while_exiting_kills_by_that_signal(fresh):
 def test_sigterm_twice_coalesced_is_one_clean_exit(fresh):
     d = fresh.start_daemon()
     mark = fresh.console()
-    d.signal(signal.SIGSTOP)
+    stop_for_sure(d)
     d.signal(signal.SIGTERM)
     d.signal(signal.SIGTERM)
     d.signal(signal.SIGCONT)

@@ -153,7 +153,6 @@ def test_unknown_and_case_differing_info_names_add_nothing(hx, sandbox):
     assert seen.out() == "No confs field.\n"
 
 
-@pytest.mark.xfail(strict=True, reason="s_time status item: Part 2.5 not built")
 def test_status_item_given_twice_gives_one_member(hx, sandbox):
     reply = pref_get(sandbox, {"infos": ["s_time", "s_time"]})
     assert reply.count(b'"s_time"') == 1

@@ -2,9 +2,8 @@
 daemon. "fwup_status" in the run-time store is changed from the host (a gdbm
 store written from outside the daemon) and put back after each test.
 
-Only "video", "video2", "ipsec", "thumbnail" and "owner_chg" are built; the
-tests that need a failing target of a later issue are marked xfail(strict)
-while that row answers "internal error".
+The tests that need a failing target use "dhcp" (Part 4.1), which refuses an
+argument that is not an object.
 """
 import pytest
 
@@ -79,7 +78,6 @@ def test_fwup_status_not_json_refuses_every_known_target(daemon, sandbox, fwup):
     seen.check_none()
 
 
-@pytest.mark.xfail(strict=True, reason="dhcp target: issue 5 (Part 4.1)")
 def test_failing_dhcp_stops_the_walk_before_upnp(daemon, sandbox):
     """"dhcp" fails with "invalid arguments"; "upnp" is not run (it would
     print "action:start" first)."""
@@ -198,14 +196,12 @@ def test_unknown_and_noop_targets_in_any_order_succeed(daemon, sandbox):
     assert revalidate(sandbox, {"thumbnail": [], "x": {}, "video": 1, "bogus": 1}) == SUCCESS
 
 
-@pytest.mark.xfail(strict=True, reason="dhcp target: issue 5 (Part 4.1)")
 def test_failing_target_after_a_succeeding_one_answers_its_error(daemon, sandbox):
     seen = Effects(sandbox, daemon)
     assert revalidate(sandbox, {"video": 1, "dhcp": 5, "thumbnail": 1}) == INVALID
     assert stdout_since(sandbox, daemon, seen.out) == "Unexpected json type.\n"
 
 
-@pytest.mark.xfail(strict=True, reason="dhcp target: issue 5 (Part 4.1)")
 def test_null_value_for_dhcp_is_invalid_arguments(daemon, sandbox):
     seen = Effects(sandbox, daemon)
     assert revalidate(sandbox, {"dhcp": None, "video": 1}) == INVALID

@@ -3,7 +3,8 @@
  * The run-time store is a temporary file (RT_DB_FILE) written with gdbm
  * directly; the revalidate-target index is loaded once for the program.
  * Most targets are not built yet and answer "internal error" (README);
- * "video", "video2", "ipsec", "thumbnail" and "owner_chg" succeed. */
+ * "video", "video2", "ipsec", "thumbnail" and "owner_chg" succeed; "dhcp"
+ * (Part 4.1) refuses a value that is not an object. */
 #include <setjmp.h>
 #include <stdarg.h>
 #include <stddef.h>
@@ -141,9 +142,10 @@ test_busy_follows_rt_db_file_on_every_call(void **state)
 
 /* ---- revalidate through requests ---- */
 
-/* The request gets exactly one reply, reply, and prints nothing. */
+/* The request gets exactly one reply, reply, and prints expected_out on
+ * standard output and nothing else. */
 static void
-expect_reply(const char *text, const char *reply)
+expect_reply_out(const char *text, const char *reply, const char *expected_out)
 {
 	struct tu_replies replies;
 	struct tu_capture out, err;
@@ -159,11 +161,17 @@ expect_reply(const char *text, const char *reply)
 	assert_int_equal(ret, (ssize_t)strlen(text));
 	assert_int_equal(replies.count, 1);
 	assert_string_equal(replies.text[0], reply);
-	assert_string_equal(printed, "");
+	assert_string_equal(printed, expected_out);
 	assert_string_equal(warned, "");
 	assert_string_equal(console_captured(), "");
 	free(printed);
 	free(warned);
+}
+
+static void
+expect_reply(const char *text, const char *reply)
+{
+	expect_reply_out(text, reply, "");
 }
 
 static void
@@ -245,17 +253,20 @@ static void
 test_revalidate_stops_at_first_error(void **state)
 {
 	(void)state;
-	expect_reply("{\"method\":\"revalidate\",\"arguments\":{\"dhcp\":5,"
-		     "\"upnp\":{\"action\":\"start\"}}}",
-		     "{ \"arguments\": { }, \"result\": \"internal error\" }");
+	/* "upnp" would print "action:start" */
+	expect_reply_out("{\"method\":\"revalidate\",\"arguments\":{\"dhcp\":5,"
+			 "\"upnp\":{\"action\":\"start\"}}}",
+			 "{ \"arguments\": { }, \"result\": \"invalid arguments\" }",
+			 "Unexpected json type.\n");
 }
 
 static void
 test_revalidate_error_not_cleared_by_later_success(void **state)
 {
 	(void)state;
-	expect_reply("{\"method\":\"revalidate\",\"arguments\":{\"dhcp\":5,\"video\":1}}",
-		     "{ \"arguments\": { }, \"result\": \"internal error\" }");
+	expect_reply_out("{\"method\":\"revalidate\",\"arguments\":{\"dhcp\":5,\"video\":1}}",
+			 "{ \"arguments\": { }, \"result\": \"invalid arguments\" }",
+			 "Unexpected json type.\n");
 }
 
 static void

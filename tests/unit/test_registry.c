@@ -294,7 +294,7 @@ static void
 test_row_not_built_answers_internal_error(void **state)
 {
 	struct json_object *value = json_tokener_parse("{\"action\":\"restart\"}");
-	struct json_object *name = json_object_new_string("s_time");
+	struct json_object *name = json_object_new_string("diskstatus");
 	char out[256], reply[256];
 
 	(void)state;
@@ -305,7 +305,7 @@ test_row_not_built_answers_internal_error(void **state)
 	assert_string_equal(reply, "{ }");
 	assert_string_equal(out, "");
 	/* A status item not built adds nothing to infos. */
-	assert_string_equal(call_target(info_find("s_time")->handler, name, out, sizeof(out),
+	assert_string_equal(call_target(info_find("diskstatus")->handler, name, out, sizeof(out),
 					reply, sizeof(reply)),
 			    "internal error");
 	assert_string_equal(reply, "{ }");
