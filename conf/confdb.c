@@ -60,13 +60,13 @@ confStorePath(enum conf_store store)
 GDBM_FILE
 confOpenReader(const char *path)
 {
-	return gdbm_open(path, 0, GDBM_READER, 0664, NULL);
+	return gdbm_open(path, 0, GDBM_READER | GDBM_NOMMAP, 0664, NULL);
 }
 
 GDBM_FILE
 confOpenWriter(const char *path)
 {
-	return gdbm_open(path, 0, GDBM_WRCREAT, 0664, NULL);
+	return gdbm_open(path, 0, GDBM_WRCREAT | GDBM_NOMMAP, 0664, NULL);
 }
 
 static datum

@@ -12,13 +12,22 @@
 #include "ipc/registry.h"
 
 /* The stored text as JSON, or NULL; a value stored without its NUL is
- * bounded by its size. */
+ * bounded by its size.  What json_tokener_parse does, with the caller's
+ * tokener: one tokener serves every value of a request. */
 static struct json_object *
-pref_parse(datum value)
+pref_parse(struct json_tokener *tok, datum value)
 {
-	char *text = strndup(value.dptr, (size_t)value.dsize);
-	struct json_object *parsed = text != NULL ? json_tokener_parse(text) : NULL;
+	char *text = tok != NULL ? strndup(value.dptr, (size_t)value.dsize) : NULL;
+	struct json_object *parsed = NULL;
 
+	if (text != NULL) {
+		json_tokener_reset(tok);
+		parsed = json_tokener_parse_ex(tok, text, -1);
+		if (json_tokener_get_error(tok) != json_tokener_success) {
+			json_object_put(parsed);
+			parsed = NULL;
+		}
+	}
 	free(text);
 	return parsed;
 }
@@ -28,9 +37,11 @@ pref_get_confs(struct json_object *names, struct json_object *confs)
 {
 	GDBM_FILE db = confOpenReader(confStorePath(CONF_SYSCONF));
 	size_t i, n = json_object_array_length(names);
+	struct json_tokener *tok;
 
 	if (db == NULL)
 		return -1;
+	tok = json_tokener_new();
 	for (i = 0; i < n; i++) {
 		const char *name = json_object_get_string(json_object_array_get_idx(names, i));
 		datum key, value;
@@ -43,11 +54,13 @@ pref_get_confs(struct json_object *names, struct json_object *confs)
 		value = gdbm_fetch(db, key);
 		if (value.dptr == NULL)
 			continue;
-		parsed = pref_parse(value);
+		parsed = pref_parse(tok, value);
 		if (parsed != NULL)
 			json_object_object_add(confs, name, parsed);
 		free(value.dptr);
 	}
+	if (tok != NULL)
+		json_tokener_free(tok);
 	gdbm_close(db);
 	return 0;
 }

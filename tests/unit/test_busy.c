@@ -273,7 +273,7 @@ static void
 test_revalidate_success_then_error(void **state)
 {
 	(void)state;
-	expect_reply("{\"method\":\"revalidate\",\"arguments\":{\"bogus\":1,\"video\":1,\"wan\":{}}}",
+	expect_reply("{\"method\":\"revalidate\",\"arguments\":{\"bogus\":1,\"video\":1,\"samba\":{}}}",
 		     "{ \"arguments\": { }, \"result\": \"internal error\" }");
 }
 

@@ -298,8 +298,8 @@ test_row_not_built_answers_internal_error(void **state)
 	char out[256], reply[256];
 
 	(void)state;
-	assert_true(revalidate_find("wan")->handler == ipc_not_built);
-	assert_string_equal(call_target(revalidate_find("wan")->handler, value, out,
+	assert_true(revalidate_find("samba")->handler == ipc_not_built);
+	assert_string_equal(call_target(revalidate_find("samba")->handler, value, out,
 					sizeof(out), reply, sizeof(reply)),
 			    "internal error");
 	assert_string_equal(reply, "{ }");
@@ -320,7 +320,7 @@ test_row_not_built_answers_internal_error(void **state)
 static void
 test_not_built_target_through_revalidate_request(void **state)
 {
-	static const char text[] = "{\"method\":\"revalidate\",\"arguments\":{\"wan\":{}}}";
+	static const char text[] = "{\"method\":\"revalidate\",\"arguments\":{\"samba\":{}}}";
 	struct tu_replies replies;
 
 	(void)state;
