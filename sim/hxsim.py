@@ -88,6 +88,8 @@ STUBS = (
 )
 # Real programs that stubs replaced, kept here (Sandbox.real, pass_through).
 REAL_DIR = "/usr/lib/hxsim/real"
+PMC_SCRIPT = "/usr/lib/hxsim/pmcontroller.py"
+PMC_LOG = LOG_DIR + "/pmc.log"
 LOG_ARGV_TEXT = """#!/usr/bin/python3 -SE
 import json, os, sys
 fd = os.open("%s", os.O_WRONLY | os.O_CREAT | os.O_APPEND, 0o644)
@@ -588,6 +590,36 @@ class Sandbox:
 
     def remove_disk(self, name):
         self.remove(f"/sys/block/{name}")
+
+    # power-management controller (sim/pmcontroller.py)
+
+    def start_pm_controller(self, refuse=False, status=0, hang=False):
+        """Replace any running controller by one that answers failure
+        (refuse) or success, with status for pmc_get_system_status; with
+        hang it never answers (the client times out)."""
+        self.stop_pm_controller()
+        with open(os.path.join(SIM, "pmcontroller.py"), "rb") as f:
+            self.write(PMC_SCRIPT, f.read(), mode=0o755)
+        argv = ["/usr/bin/python3", PMC_SCRIPT, "--status", str(int(status))]
+        argv += (["--refuse"] if refuse else []) + (["--hang"] if hang else [])
+        self._pmc = self.popen(argv,
+                               stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        if self._pmc.stdout.readline() != b"ready\n":
+            raise RuntimeError("the power-management controller did not start")
+
+    def stop_pm_controller(self):
+        """No controller answers afterwards."""
+        pmc, self._pmc = getattr(self, "_pmc", None), None
+        if pmc is not None and pmc.poll() is None:
+            pmc.stdin.close()
+            pmc.wait(timeout=30)
+
+    def pmc_log(self):
+        """The controller's log lines ("21", "22 10", "23 -1", "status")."""
+        return self.read_text(PMC_LOG).splitlines() if self.exists(PMC_LOG) else []
+
+    def clear_pmc_log(self):
+        self.write(PMC_LOG, b"")
 
 
 def _key(key):

@@ -305,7 +305,7 @@ test_row_not_built_answers_internal_error(void **state)
 	assert_string_equal(reply, "{ }");
 	assert_string_equal(out, "");
 	/* A status item not built adds nothing to infos. */
-	assert_string_equal(call_target(info_find("diskstatus")->handler, name, out, sizeof(out),
+	assert_string_equal(call_target(ipc_not_built, name, out, sizeof(out),
 					reply, sizeof(reply)),
 			    "internal error");
 	assert_string_equal(reply, "{ }");

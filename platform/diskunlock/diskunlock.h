@@ -1,0 +1,11 @@
+/* Substitute for the closed disk-unlock library (Parts 6.1, 6.2; DESIGN.md
+ * section 4).  Each drive's lock state lives in one file per drive (see
+ * diskunlock.c).  Both return the lock state: -1 error, 0 unlocked,
+ * 1 locked, 2 no unlock attempts left. */
+#ifndef HX_DISKUNLOCK_H
+#define HX_DISKUNLOCK_H
+
+int disk_probe(const char *disk_name);
+int disk_unlock(const char *disk_name, const char *password);
+
+#endif
