@@ -121,6 +121,24 @@ do_system(const char *command)
 	return status;
 }
 
+int
+do_systemf(size_t size, const char *format, ...)
+{
+	va_list args;
+	char *cmd;
+	int len;
+
+	va_start(args, format);
+	len = vasprintf(&cmd, format, args);
+	va_end(args);
+	if (len < 0)
+		return -1;
+	if ((size_t)len < size)
+		do_system(cmd);
+	free(cmd);
+	return (size_t)len < size ? 0 : -1;
+}
+
 /* 0 on success, -1 on failure; a path longer than the 1024-byte working
  * buffer (with its trailing '/') fails instead of being cut. */
 int

@@ -24,6 +24,9 @@ void getcurrenttime(void);
 
 /* system(command) with the default SIGCHLD disposition; returns its status. */
 int do_system(const char *command);
+/* do_system of the formatted command when it is shorter than size bytes:
+ * 0 when it ran (whatever its status), -1 when it did not fit (nothing run). */
+int do_systemf(size_t size, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
 int mkdirs(const char *path, mode_t mode);
 int kill_pidfile(const char *path);

@@ -81,23 +81,6 @@ wan_get_uptime(void)
 #define CMD_SIZE 256
 #define NAME_SIZE 64
 
-/* Runs the formatted command; one that does not fit is refused (-1). */
-static int __attribute__((format(printf, 1, 2)))
-run(const char *format, ...)
-{
-	char cmd[CMD_SIZE];
-	va_list args;
-	int len;
-
-	va_start(args, format);
-	len = vsnprintf(cmd, sizeof(cmd), format, args);
-	va_end(args);
-	if (len < 0 || (size_t)len >= sizeof(cmd))
-		return -1;
-	do_system(cmd);
-	return 0;
-}
-
 static int
 sys_string(const char *key, char *buf, size_t size)
 {
@@ -116,9 +99,9 @@ int
 ctrl_interface(const char *ifname, int up)
 {
 	if (up == 0)
-		return run("/sbin/ifconfig %s down", ifname);
+		return do_systemf(CMD_SIZE, "/sbin/ifconfig %s down", ifname);
 	if (up == 1)
-		return run("/sbin/ifconfig %s up", ifname);
+		return do_systemf(CMD_SIZE, "/sbin/ifconfig %s up", ifname);
 	do_system("");
 	return 0;
 }
@@ -128,8 +111,8 @@ lan_set_bridge(const char *lan_if, const char *wan_if)
 {
 	dhcp_stop();
 	wan_stop();
-	if (run("/usr/sbin/brctl addif %s %s", lan_if, wan_if) != 0 ||
-	    run("/sbin/udhcpc -i  %s -H $(/bin/hostname) -p /var/run/udhcpc_lan.pid -b -s /etc/app/gw_udhcpc_lan.script -S &", lan_if) != 0)
+	if (do_systemf(CMD_SIZE, "/usr/sbin/brctl addif %s %s", lan_if, wan_if) != 0 ||
+	    do_systemf(CMD_SIZE, "/sbin/udhcpc -i  %s -H $(/bin/hostname) -p /var/run/udhcpc_lan.pid -b -s /etc/app/gw_udhcpc_lan.script -S &", lan_if) != 0)
 		return -1;
 	return confSetf(CONF_RTCONF, "lan_if", "\"%s\"", lan_if);
 }
@@ -142,13 +125,13 @@ lan_set_router(const char *lan_if)
 	if (sys_string("lan_ipaddr", ipaddr, sizeof(ipaddr)) != 0 ||
 	    sys_string("lan_netmask", netmask, sizeof(netmask)) != 0)
 		return -1;
-	if (run("/sbin/ifconfig %s %s netmask %s ", lan_if, ipaddr, netmask) != 0)
+	if (do_systemf(CMD_SIZE, "/sbin/ifconfig %s %s netmask %s ", lan_if, ipaddr, netmask) != 0)
 		return -1;
 	if (sys_string("lan_bridgestp", stp, sizeof(stp)) != 0)
 		stp[0] = '\0';
-	if (run("/usr/sbin/brctl stp %s %s", lan_if, strcmp(stp, "on") == 0 ? "on" : "off") != 0 ||
-	    run("/usr/sbin/brctl setfd %s 0", lan_if) != 0 ||
-	    run("/usr/sbin/brctl sethello %s 1", lan_if) != 0 ||
+	if (do_systemf(CMD_SIZE, "/usr/sbin/brctl stp %s %s", lan_if, strcmp(stp, "on") == 0 ? "on" : "off") != 0 ||
+	    do_systemf(CMD_SIZE, "/usr/sbin/brctl setfd %s 0", lan_if) != 0 ||
+	    do_systemf(CMD_SIZE, "/usr/sbin/brctl sethello %s 1", lan_if) != 0 ||
 	    confSetf(CONF_RTCONF, "lan_if", "\"%s\"", lan_if) != 0)
 		return -1;
 	do_system("/usr/sbin/lan_callup.sh > /dev/console 2>&1 &");
@@ -177,7 +160,7 @@ wan_start(void)
 	if (sys_string("wan_if", wan_if, sizeof(wan_if)) != 0 ||
 	    sys_string("wan_type", type, sizeof(type)) != 0)
 		return -1;
-	if (run("/usr/sbin/brctl delif br0 %s", wan_if) != 0)
+	if (do_systemf(CMD_SIZE, "/usr/sbin/brctl delif br0 %s", wan_if) != 0)
 		return -1;
 	if (strcmp(type, "none") == 0) {
 		puts("[SYS] Enter AP only mode.");
@@ -237,7 +220,7 @@ wan_service_stop(void)
 	confSetf(CONF_RTCONF, "wan_if", "\"\"");
 	confSetf(CONF_RTCONF, "wan_up_time", "\"\"");
 	if (sys_string("wan_if", wan_if, sizeof(wan_if)) != 0 ||
-	    run("/sbin/ifconfig %s 0.0.0.0", wan_if) != 0)
+	    do_systemf(CMD_SIZE, "/sbin/ifconfig %s 0.0.0.0", wan_if) != 0)
 		return -1;
 	do_system("/sbin/ifconfig mlan0 0.0.0.0 > /dev/null 2>&1");
 	do_system("/etc/app/gw_simplefw.sh reset> /dev/null 2>&1");

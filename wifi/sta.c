@@ -104,23 +104,6 @@ sta_hotspot_put(struct sta_hotspot *h)
 		json_object_put(h->value[i]);
 }
 
-/* Formats and runs a shell command: -1 only when it does not fit. */
-static int __attribute__((format(printf, 1, 2)))
-sta_run(const char *format, ...)
-{
-	char cmd[CMD_SIZE];
-	va_list args;
-	int len;
-
-	va_start(args, format);
-	len = vsnprintf(cmd, sizeof(cmd), format, args);
-	va_end(args);
-	if (len < 0 || (size_t)len >= sizeof(cmd))
-		return -1;
-	do_system(cmd);
-	return 0;
-}
-
 /* A double quote would end the quoted value, a newline add a line. */
 static int
 wpa_conf_value_ok(const char *text)
@@ -175,15 +158,15 @@ static int
 wt_security(const char *sec, const char *ssid, const char *pass)
 {
 	if (sec_is_none(sec)) {
-		if (sta_run("/usr/sbin/iwpriv mlan0 passphrase '2;ssid=%s'", ssid) != 0)
+		if (do_systemf(CMD_SIZE, "/usr/sbin/iwpriv mlan0 passphrase '2;ssid=%s'", ssid) != 0)
 			return -1;
 		do_system("/usr/sbin/iwconfig mlan0 key off");
 	} else if (sec_is_wep(sec)) {
-		if (sta_run("/usr/sbin/iwconfig mlan0 key '%s'", pass) != 0)
+		if (do_systemf(CMD_SIZE, "/usr/sbin/iwconfig mlan0 key '%s'", pass) != 0)
 			return -1;
 		do_system("/usr/sbin/iwconfig mlan0 key on");
 	} else if (sec_is_wpa(sec)) {
-		return sta_run("/usr/sbin/iwpriv mlan0 passphrase '1;ssid=%s;passphrase=%s'",
+		return do_systemf(CMD_SIZE, "/usr/sbin/iwpriv mlan0 passphrase '1;ssid=%s;passphrase=%s'",
 			       ssid, pass);
 	}
 	return 0;
@@ -203,7 +186,7 @@ wt_associate(const struct sta_hotspot *h)
 		goto out;
 	essid = _escape_delimiter(h->params.ssid, ESCAPE_QUOTE);
 	if (essid != NULL)
-		ret = sta_run("/usr/sbin/iwconfig mlan0 essid '%s'", essid);
+		ret = do_systemf(CMD_SIZE, "/usr/sbin/iwconfig mlan0 essid '%s'", essid);
 out:
 	free(ssid);
 	free(pass);

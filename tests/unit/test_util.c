@@ -305,6 +305,22 @@ test_do_system_status_while_sigchld_ignored(void **state)
 }
 
 static void
+test_do_systemf_runs_only_what_fits(void **state)
+{
+	char path[PATH_MAX + 16], fits[PATH_MAX + 32];
+	int len;
+
+	(void)state;
+	snprintf(path, sizeof(path), "%s/systemf", tmp_base);
+	len = snprintf(fits, sizeof(fits), "touch %s", path);
+	assert_int_equal(do_systemf((size_t)len, "touch %s", path), -1);
+	assert_int_equal(access(path, F_OK), -1);
+	assert_int_equal(do_systemf((size_t)len + 1, "touch %s", path), 0);
+	assert_int_equal(access(path, F_OK), 0);
+	unlink(path);
+}
+
+static void
 on_sigchld(int sig)
 {
 	(void)sig;
@@ -831,6 +847,7 @@ main(void)
 		cmocka_unit_test(test_getcurrenttime_logs_at_debug),
 		cmocka_unit_test(test_do_system_status_while_sigchld_ignored),
 		cmocka_unit_test(test_do_system_restores_handler),
+		cmocka_unit_test(test_do_systemf_runs_only_what_fits),
 		cmocka_unit_test(test_mkdirs_creates_nested_and_repeats),
 		cmocka_unit_test(test_mkdirs_trailing_slash),
 		cmocka_unit_test(test_mkdirs_existing_directory),
