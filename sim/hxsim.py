@@ -163,8 +163,9 @@ class Sandbox:
                 "--fork", "--kill-child", "--propagation", "private",
                 *SETPRIV, "--", "/bin/sh", os.path.join(SIM, "sandbox-init.sh"),
                 self.state, SIM, _lan_cidr()]
-        if os.stat(REPO).st_dev != os.stat("/").st_dev:
-            argv.append(REPO)
+        # Always bound read-only at its own path: a checkout under /tmp or
+        # /var/tmp would be hidden by the sandbox's own tmpfs there.
+        argv.append(REPO)
         with open(os.path.join(self.state, "init.err"), "wb") as err:
             self._unshare = subprocess.Popen(
                 argv, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,

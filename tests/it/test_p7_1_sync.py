@@ -63,6 +63,8 @@ def script_runs(sandbox):
 
 
 def results_seen(daemon):
+    # The worker prints "sync_result = N" before it sets the status, so the
+    # tests wait for the status itself rather than read it after the print.
     return daemon.stdout().count("sync_result = ")
 
 
@@ -144,7 +146,7 @@ def test_second_task_is_busy(daemon, sandbox, sync):
     assert len(script_runs(sandbox)) == 1
     end_held_task(sandbox, daemon)
     # HOLD stored nothing: the worker reads the "-1" it stored itself
-    assert status(sandbox) == "3"
+    wait_for(lambda: status(sandbox) == "3")
 
 
 def test_cancel_then_stop(daemon, sandbox, sync):
@@ -167,7 +169,7 @@ def test_cancel_then_stop(daemon, sandbox, sync):
     seen = results_seen(daemon)
     assert create_when_idle(sandbox, "src", "dst") == SUCCESS
     wait_for(lambda: results_seen(daemon) > seen)
-    assert status(sandbox) == "4"
+    wait_for(lambda: status(sandbox) == "4")
     sandbox.remove("/var/run/gw_copy_prog.sh.pid")
 
 
@@ -209,7 +211,7 @@ def test_battery_guard(daemon, sandbox, sync, capacity, state, result):
     got = create(sandbox, "src", "dst")
     if got == SUCCESS:
         wait_for(lambda: results_seen(daemon) > seen)
-        assert status(sandbox) == "4"
+        wait_for(lambda: status(sandbox) == "4")
         assert len(script_runs(sandbox)) == 1
     else:
         assert script_runs(sandbox) == []
@@ -249,7 +251,7 @@ def test_missing_source_leaves_no_task(daemon, sandbox, sync):
     seen = results_seen(daemon)
     assert create(sandbox, "src", "dst") == SUCCESS
     wait_for(lambda: results_seen(daemon) > seen)
-    assert status(sandbox) == "4"
+    wait_for(lambda: status(sandbox) == "4")
 
 
 def test_destination_that_is_a_file(daemon, sandbox, sync):

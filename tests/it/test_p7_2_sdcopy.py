@@ -80,6 +80,8 @@ def script_runs(sandbox):
 
 
 def results_seen(daemon):
+    # The worker prints "sync_result = N" before it sets the status, so the
+    # tests wait for the status itself rather than read it after the print.
     return daemon.stdout().count("sync_result = ")
 
 
@@ -123,7 +125,7 @@ def sd(device, daemon, sandbox):
 def test_start_copies_the_card(daemon, sandbox, sd):
     before = daemon.stdout()
     assert run_copy(sandbox, daemon) == SUCCESS
-    assert status(sandbox) == "4"
+    wait_for(lambda: status(sandbox) == "4")
     log = sandbox.cmdlog()
     assert log[0] == [BLKID_RUN, "/dev/sdb1"]
     assert log[1] == [MINIDLNA_STOP]
