@@ -87,6 +87,18 @@ getprogname(void)
 	return progname;
 }
 
+int
+gw_atoi(const char *text)
+{
+	long value = strtol(text, NULL, 10);
+
+	if (value > INT_MAX)
+		return INT_MAX;
+	if (value < INT_MIN)
+		return INT_MIN;
+	return (int)value;
+}
+
 long
 time_get(void)
 {

@@ -19,6 +19,9 @@ int gwutil_vsnprintf(char *buf, size_t size, const char *format, va_list args)
 const char *setprogname(const char *path);
 const char *getprogname(void);
 
+/* atoi without undefined behaviour: strtol, clamped to the range of int. */
+int gw_atoi(const char *text);
+
 long time_get(void);
 void getcurrenttime(void);
 

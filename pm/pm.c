@@ -53,19 +53,6 @@ pm_process_action(const char *action)
 	return -1;
 }
 
-/* atoi as on the device's 32-bit long: a value outside int saturates. */
-static int32_t
-pm_atoi(const char *text)
-{
-	long value = strtol(text, NULL, 10);
-
-	if (value > INT32_MAX)
-		return INT32_MAX;
-	if (value < INT32_MIN)
-		return INT32_MIN;
-	return (int32_t)value;
-}
-
 /* Sends the stored time-out: -1 when the key is missing or does not parse,
  * else 0 with *refused set when the controller did not accept it. */
 static int
@@ -79,7 +66,7 @@ pm_send_sleep_timeout(int *refused)
 		puts("Failed to parse message data");
 	if (ret != 0)
 		return -1;
-	timeout = pm_atoi(text);
+	timeout = gw_atoi(text);
 	*refused = pmc_ipc_send_message_with_param(PM_MSG_SLEEP_TIMEOUT, &timeout) != 0;
 	pm_report(*refused, "set sleep_timeout success", "set sleep_timeout fail");
 	return 0;

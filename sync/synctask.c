@@ -87,7 +87,7 @@ get_battery_cap(void)
 
 	if (read_line_file(BATTERY_CAPACITY, buf, sizeof(buf)) != 0)
 		return -1;
-	return atoi(buf);
+	return gw_atoi(buf);
 }
 
 int
@@ -224,7 +224,7 @@ sync_result_apply(void)
 		printf("hxsrvd: Sync DEBUG: %s (line %d) token parse error for sync_result\n",
 		       __func__, __LINE__);
 	} else {
-		result = atoi(json_object_get_string(value));
+		result = gw_atoi(json_object_get_string(value));
 		json_object_put(value);
 		printf("hxsrvd: Sync DEBUG: %s (line %d) sync_result = %d\n", __func__, __LINE__, result);
 		if (result == 1) {
@@ -416,7 +416,7 @@ sync_task_get_progress(void)
 
 	if (confGetJson(CONF_RTCONF, "sync_progress", &value) != 0)
 		return 0;
-	progress = atoi(json_object_get_string(value));
+	progress = gw_atoi(json_object_get_string(value));
 	json_object_put(value);
 	return progress;
 }

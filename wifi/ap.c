@@ -122,7 +122,7 @@ put_band_channel(struct uap *u)
 	channel = uap_get(u, u->band5 ? "wl_channel_5g" : "wl_channel");
 	if (channel == NULL)
 		return -1;
-	u->channel = atoi(channel);
+	u->channel = gw_atoi(channel);
 	if (strcmp(channel, "0") == 0)
 		fputs("Channel=0 1\n", u->fp);
 	else if (!u->band5)

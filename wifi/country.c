@@ -50,19 +50,6 @@ find_domain(FILE *fp, const char *domain)
 	return 0;
 }
 
-static int
-decimal(const char *text)
-{
-	long n;
-
-	n = strtol(text, NULL, 10);
-	if (n > INT_MAX)
-		return INT_MAX;
-	if (n < INT_MIN)
-		return INT_MIN;
-	return (int)n;
-}
-
 /* Steps 3 and 4: the count of the domain's last entry, or -1 for an entry
  * of four fields.  A lone "," only ends its entry. */
 static int
@@ -78,7 +65,7 @@ collect(FILE *fp)
 			if (field == 3)
 				return -1;
 			if (field == 1)
-				count = decimal(token);
+				count = gw_atoi(token);
 			field++;
 		}
 		if (ends)

@@ -321,6 +321,18 @@ test_do_systemf_runs_only_what_fits(void **state)
 }
 
 static void
+test_gw_atoi_clamps_instead_of_overflowing(void **state)
+{
+	(void)state;
+	assert_int_equal(gw_atoi("42"), 42);
+	assert_int_equal(gw_atoi("15min"), 15);
+	assert_int_equal(gw_atoi("abc"), 0);
+	assert_int_equal(gw_atoi("-7"), -7);
+	assert_int_equal(gw_atoi("99999999999999999999"), INT_MAX);
+	assert_int_equal(gw_atoi("-99999999999999999999"), INT_MIN);
+}
+
+static void
 on_sigchld(int sig)
 {
 	(void)sig;
@@ -848,6 +860,7 @@ main(void)
 		cmocka_unit_test(test_do_system_status_while_sigchld_ignored),
 		cmocka_unit_test(test_do_system_restores_handler),
 		cmocka_unit_test(test_do_systemf_runs_only_what_fits),
+		cmocka_unit_test(test_gw_atoi_clamps_instead_of_overflowing),
 		cmocka_unit_test(test_mkdirs_creates_nested_and_repeats),
 		cmocka_unit_test(test_mkdirs_trailing_slash),
 		cmocka_unit_test(test_mkdirs_existing_directory),
