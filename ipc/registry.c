@@ -4,6 +4,7 @@
 
 #include <json-c/json.h>
 
+#include "conf/backup.h"
 #include "core/hxassert.h"
 #include "ipc/handlers.h"
 #include "ipc/registry.h"
@@ -11,12 +12,12 @@
 #include "net/net.h"
 #include "storage/storage.h"
 #include "pm/pm.h"
+#include "system/system.h"
 #include "wifi/scan.h"
 #include "wifi/wifi.h"
 
 #define ROW(name, handler) { name, handler, { NULL, NULL, NULL, 0 } }
 
-/* Rows answered by ipc_not_built belong to later issues; the README lists them. */
 static ipc_handler_entry info_table[IPC_TABLE_ROWS] = {
 	ROW("p_model", info_p_model),
 	ROW("p_description", info_p_description),
@@ -72,24 +73,24 @@ static ipc_handler_entry revalidate_table[IPC_TABLE_ROWS] = {
 	ROW("upnp", _revalidate_upnp),
 	ROW("datetime", _revalidate_datetime),
 	ROW("staticroute", _revalidate_staticRoute),
-	ROW("httpd", ipc_not_built),
-	ROW("fw_upgrade", ipc_not_built),
-	ROW("uploadsysconf", ipc_not_built),
-	ROW("factorydefault", ipc_not_built),
-	ROW("reboot", ipc_not_built),
-	ROW("poweroff", ipc_not_built),
+	ROW("httpd", _revalidate_httpd),
+	ROW("fw_upgrade", _revalidate_fwUpgrade),
+	ROW("uploadsysconf", _revalidate_uploadSysconf),
+	ROW("factorydefault", _revalidate_factoryDefault),
+	ROW("reboot", _revalidate_reboot),
+	ROW("poweroff", _revalidate_poweroff),
 	ROW("video", _revalidate_noop),
 	ROW("video2", _revalidate_noop),
-	ROW("webdav", ipc_not_built),
-	ROW("dlna", ipc_not_built),
+	ROW("webdav", _revalidate_webdav),
+	ROW("dlna", _revalidate_dlna),
 	ROW("ipsec", _revalidate_noop),
-	ROW("fm", ipc_not_built),
-	ROW("usbcharger", ipc_not_built),
-	ROW("firmwareupgrade", ipc_not_built),
+	ROW("fm", _revalidate_fm),
+	ROW("usbcharger", _revalidate_usbCharger),
+	ROW("firmwareupgrade", _revalidate_firmwareUpgrade),
 	ROW("pmd", _revalidate_pmd),
 	ROW("sleep_timeout", _revalidate_sleepTimeout),
 	ROW("thumbnail", _revalidate_noop),
-	ROW("samba", ipc_not_built),
+	ROW("samba", _revalidate_samba),
 	ROW("createsynctask", _revalidate_createSyncTask),
 	ROW("cancelsynctask", _revalidate_cancelSyncTask),
 	ROW("disk_unlock", _revalidate_diskUnlock),
@@ -161,15 +162,6 @@ ipc_handler_entry *
 revalidate_find(const char *name)
 {
 	return index_find(&revalidate_index, name);
-}
-
-const char *
-ipc_not_built(struct json_object *value, struct json_object *reply_arguments, void *deferred)
-{
-	(void)value;
-	(void)reply_arguments;
-	(void)deferred;
-	return "internal error";
 }
 
 const char *

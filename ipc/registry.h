@@ -30,8 +30,4 @@ const char *ipc_target_check(struct json_object *value, const char *error);
 /* The text of value's string member "action", or NULL. */
 const char *ipc_target_action(struct json_object *value);
 
-/* Rows whose handler belongs to a later issue (see README). */
-const char *ipc_not_built(struct json_object *value,
-			  struct json_object *reply_arguments, void *deferred);
-
 #endif

@@ -273,8 +273,9 @@ static void
 test_revalidate_success_then_error(void **state)
 {
 	(void)state;
-	expect_reply("{\"method\":\"revalidate\",\"arguments\":{\"bogus\":1,\"video\":1,\"samba\":{}}}",
-		     "{ \"arguments\": { }, \"result\": \"internal error\" }");
+	expect_reply_out("{\"method\":\"revalidate\",\"arguments\":{\"bogus\":1,\"video\":1,\"samba\":5}}",
+			 "{ \"arguments\": { }, \"result\": \"invalid arguments\" }",
+			 "Unexpected json type.\n");
 }
 
 /* ---- revalidate called directly ---- */

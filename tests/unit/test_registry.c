@@ -290,47 +290,6 @@ test_s_rootfsver_and_fw_version_share_one_handler(void **state)
 	assert_true(info_find("s_rootfsver")->handler == info_find("fw_version")->handler);
 }
 
-static void
-test_row_not_built_answers_internal_error(void **state)
-{
-	struct json_object *value = json_tokener_parse("{\"action\":\"restart\"}");
-	struct json_object *name = json_object_new_string("diskstatus");
-	char out[256], reply[256];
-
-	(void)state;
-	assert_true(revalidate_find("samba")->handler == ipc_not_built);
-	assert_string_equal(call_target(revalidate_find("samba")->handler, value, out,
-					sizeof(out), reply, sizeof(reply)),
-			    "internal error");
-	assert_string_equal(reply, "{ }");
-	assert_string_equal(out, "");
-	/* A status item not built adds nothing to infos. */
-	assert_string_equal(call_target(ipc_not_built, name, out, sizeof(out),
-					reply, sizeof(reply)),
-			    "internal error");
-	assert_string_equal(reply, "{ }");
-	assert_string_equal(out, "");
-	assert_string_equal(call_target(ipc_not_built, NULL, out, sizeof(out), reply,
-					sizeof(reply)),
-			    "internal error");
-	json_object_put(value);
-	json_object_put(name);
-}
-
-static void
-test_not_built_target_through_revalidate_request(void **state)
-{
-	static const char text[] = "{\"method\":\"revalidate\",\"arguments\":{\"samba\":{}}}";
-	struct tu_replies replies;
-
-	(void)state;
-	memset(&replies, 0, sizeof(replies));
-	ipc_request_exec_json(text, -1, tu_reply_capture, &replies);
-	assert_int_equal(replies.count, 1);
-	assert_string_equal(replies.text[0],
-			    "{ \"arguments\": { }, \"result\": \"internal error\" }");
-}
-
 /* ---- loading twice: the duplicate-name assertion ---- */
 
 static void
@@ -415,8 +374,6 @@ main(void)
 		T(test_owner_chg_succeeds),
 		T(test_accepting_targets_through_revalidate_request),
 		T(test_s_rootfsver_and_fw_version_share_one_handler),
-		T(test_row_not_built_answers_internal_error),
-		T(test_not_built_target_through_revalidate_request),
 		T(test_infos_init_duplicate_name_aborts),
 		T(test_revalidates_init_duplicate_name_aborts),
 		T(test_infos_init_assertion_in_ipcimpl_infos_init),
