@@ -361,6 +361,15 @@ _q_urldecode(char *string)
 	return (size_t)(dst - string);
 }
 
+/* Letters, digits and . _ - / : (DESIGN.md section 8): the empty text
+ * passes; callers that need a word check that themselves. */
+int
+gwutil_shell_safe(const char *text)
+{
+	return text[strspn(text, "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ"
+				 "abcdefghijklmnopqrstuvwxyz._-/:")] == '\0';
+}
+
 /* A null string or prefix gives 0. */
 int
 str_match(const char *string, const char *prefix)

@@ -40,6 +40,8 @@ char _q_x2c(char hex_up, char hex_low);
 char *_q_urlencode(const unsigned char *data, size_t length);
 size_t _q_urldecode(char *string);
 int str_match(const char *string, const char *prefix);
+/* 1 when text holds only characters the shell takes literally in an unquoted word. */
+int gwutil_shell_safe(const char *text);
 
 #define ESCAPE_QUOTE     0x1
 #define ESCAPE_SEMICOLON 0x2

@@ -14,10 +14,6 @@
 
 #define ROUTE_IFNAME 16
 #define ROUTE_CMD    256
-/* The characters a route's fields need; anything else could reach the
- * shell as syntax (DESIGN.md section 8). */
-#define ROUTE_WORD \
-	"0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz.:-_/"
 #define DTIME_MIN    172801L
 
 long dtime;
@@ -66,14 +62,14 @@ route_member(struct json_object *route, const char *name)
 }
 
 /* Appends option, word and end; refuses the command when word holds a
- * character outside ROUTE_WORD or the text does not fit. */
+ * character that gwutil_shell_safe refuses or the text does not fit. */
 static void
 route_cmd_add(struct route_cmd *cmd, const char *option, const char *word, const char *end)
 {
 	size_t room = sizeof(cmd->text) - cmd->len;
 	int n;
 
-	if (cmd->refused || word[strspn(word, ROUTE_WORD)] != '\0') {
+	if (cmd->refused || !gwutil_shell_safe(word)) {
 		cmd->refused = 1;
 		return;
 	}
