@@ -73,6 +73,8 @@ SYSCONF_KEYS = {
     "8.1": ["sleep_timeout"],
     # Part 9.1: web server login
     "9.1": ["httpd_auth_name", "httpd_auth_passwd"],
+    # the "fm" target (row "-" of Part 2.2, system/media.c)
+    "-": ["fm_freq"],
 }
 
 # ---------------------------------------------------------------------------
