@@ -2,15 +2,21 @@
  * of spec Part 3.1 through the store layer (conf/confdb.h), with the same
  * paths, environment overrides and record format as hxsrvd. */
 #include <errno.h>
+#include <fcntl.h>
 #include <getopt.h>
+#include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <event2/buffer.h>
 #include <json-c/json.h>
 
+#include "conf/backup.h"
 #include "conf/confdb.h"
+#include "core/util.h"
 #include "toolutil.h"
 
 enum sysconf_status {
@@ -347,6 +353,207 @@ cmd_load(const struct sysconf_options *opt, char **argv)
 	return status;
 }
 
+/* A new file beside the store that replaces it (rep, import): its path and
+ * descriptor. */
+struct store_temp {
+	char path[PATH_MAX];
+	int fd;
+};
+
+/* Creates "<store>.rep.XXXXXX" (mode 0600 until installed). */
+static int
+temp_create(struct store_temp *t, const char *store)
+{
+	int n = snprintf(t->path, sizeof(t->path), "%s.rep.XXXXXX", store);
+
+	if (n < 0 || (size_t)n >= sizeof(t->path)) {
+		fprintf(stderr, "sysconf: %s: path too long\n", store);
+		return SYSCONF_NO_STORE;
+	}
+	t->fd = mkstemp(t->path);
+	if (t->fd < 0) {
+		fprintf(stderr, "sysconf: cannot create a file beside %s: %s\n", store,
+			strerror(errno));
+		return SYSCONF_NO_STORE;
+	}
+	return SYSCONF_OK;
+}
+
+/* Removes the temporary file after any failure; passes status on. */
+static int
+temp_discard(struct store_temp *t, int status)
+{
+	if (t->fd >= 0)
+		close(t->fd);
+	unlink(t->path);
+	return status;
+}
+
+static int
+temp_write(struct store_temp *t, const char *buf, size_t len)
+{
+	while (len > 0) {
+		ssize_t put = write(t->fd, buf, len);
+
+		if (put < 0 && errno == EINTR)
+			continue;
+		if (put < 0) {
+			fprintf(stderr, "sysconf: cannot write %s: %s\n", t->path, strerror(errno));
+			return SYSCONF_NO_STORE;
+		}
+		buf += put;
+		len -= (size_t)put;
+	}
+	return SYSCONF_OK;
+}
+
+/* Copies the whole of file to the temporary file. */
+static int
+temp_copy(struct store_temp *t, const char *file)
+{
+	char buf[8192];
+	int in = open(file, O_RDONLY | O_CLOEXEC);
+	int status = SYSCONF_OK;
+
+	if (in < 0) {
+		fprintf(stderr, "sysconf: cannot read %s: %s\n", file, strerror(errno));
+		return SYSCONF_BAD_INPUT;
+	}
+	for (;;) {
+		ssize_t got = read(in, buf, sizeof(buf));
+
+		if (got == 0)
+			break;
+		if (got < 0 && errno == EINTR)
+			continue;
+		if (got < 0) {
+			fprintf(stderr, "sysconf: cannot read %s: %s\n", file, strerror(errno));
+			status = SYSCONF_BAD_INPUT;
+			break;
+		}
+		status = temp_write(t, buf, (size_t)got);
+		if (status != SYSCONF_OK)
+			break;
+	}
+	close(in);
+	return status;
+}
+
+/* SYSCONF_OK when the temporary file opens as a gdbm store, else
+ * SYSCONF_BAD_INPUT with the reason, naming what (the file it came from). */
+static int
+temp_check(const struct store_temp *t, const char *what, const char *not_store)
+{
+	GDBM_FILE db = confOpenReader(t->path);
+
+	if (db == NULL) {
+		fprintf(stderr, "sysconf: %s: %s (%s)\n", what, not_store, gdbm_strerror(gdbm_errno));
+		return SYSCONF_BAD_INPUT;
+	}
+	gdbm_close(db);
+	return SYSCONF_OK;
+}
+
+/* Makes a rename in the directory of path durable. */
+static int
+dir_sync(const char *path)
+{
+	char dir[PATH_MAX];
+	char *slash;
+	int fd, r;
+
+	strlcpy(dir, path, sizeof(dir));	/* fits: path fitted a longer name */
+	slash = strrchr(dir, '/');
+	if (slash == NULL)
+		strlcpy(dir, ".", sizeof(dir));
+	else
+		slash[slash == dir] = '\0';	/* "/x" keeps "/" */
+	fd = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+	if (fd < 0)
+		return -1;
+	r = fsync(fd);
+	close(fd);
+	return r;
+}
+
+/* Gives the temporary file the mode of a store that the daemon creates
+ * (0664 less the umask), syncs it and renames it over the store, so that a
+ * power cut leaves either the old or the new store whole. */
+static int
+temp_install(struct store_temp *t, const char *store)
+{
+	mode_t mask = umask(0);
+	int fd = t->fd;
+	int r;
+
+	umask(mask);
+	t->fd = -1;
+	r = fchmod(fd, 0664 & ~mask) == 0 && fsync(fd) == 0 ? 0 : -1;
+	if (close(fd) != 0)	/* a successful close leaves errno as it was */
+		r = -1;
+	if (r != 0) {
+		fprintf(stderr, "sysconf: cannot write %s: %s\n", t->path, strerror(errno));
+		return temp_discard(t, SYSCONF_NO_STORE);
+	}
+	if (rename(t->path, store) != 0) {
+		fprintf(stderr, "sysconf: cannot replace %s: %s\n", store, strerror(errno));
+		return temp_discard(t, SYSCONF_NO_STORE);
+	}
+	if (dir_sync(store) != 0) {
+		fprintf(stderr, "sysconf: %s replaced, but its directory not synced: %s\n", store,
+			strerror(errno));
+		return SYSCONF_NO_STORE;
+	}
+	return SYSCONF_OK;
+}
+
+/* Checks the filled temporary file and installs it as the store. */
+static int
+temp_finish(struct store_temp *t, const char *store, const char *what, const char *not_store)
+{
+	int status = temp_check(t, what, not_store);
+
+	if (status != SYSCONF_OK)
+		return temp_discard(t, status);
+	return temp_install(t, store);
+}
+
+static int
+cmd_rep(const struct sysconf_options *opt, char **argv)
+{
+	const char *store = confStorePath(opt->store);
+	struct store_temp t;
+	int status = temp_create(&t, store);
+
+	if (status != SYSCONF_OK)
+		return status;
+	status = temp_copy(&t, argv[0]);
+	if (status != SYSCONF_OK)
+		return temp_discard(&t, status);
+	return temp_finish(&t, store, argv[0], "not a gdbm store");
+}
+
+static int
+cmd_export(const struct sysconf_options *opt, char **argv)
+{
+	return db_to_conf(confStorePath(opt->store), argv[0]) == 0 ? SYSCONF_OK : SYSCONF_NO_STORE;
+}
+
+static int
+cmd_import(const struct sysconf_options *opt, char **argv)
+{
+	const char *store = confStorePath(opt->store);
+	struct store_temp t;
+	int status = temp_create(&t, store);
+
+	if (status != SYSCONF_OK)
+		return status;
+	/* conf_to_db truncates and fills the same file through its own stream. */
+	if (conf_to_db(t.path, argv[0]) != 0)
+		return temp_discard(&t, SYSCONF_BAD_INPUT);
+	return temp_finish(&t, store, argv[0], "the payload is not a gdbm store");
+}
+
 static const struct sysconf_command sysconf_commands[] = {
 	{ "get", 1, cmd_get, "KEY",
 	  "print the stored value text of KEY\n"
@@ -365,6 +572,20 @@ static const struct sysconf_command sysconf_commands[] = {
 	  "store every member of the JSON object in FILE, creating the store\n"
 	  "if needed; with --raw, string values as plain text\n"
 	  "    sysconf load /tmp/defaults.json\n" },
+	{ "rep", 1, cmd_rep, "FILE",
+	  "replace the store with a copy of the gdbm file FILE, atomically\n"
+	  "(a power cut leaves the old or the new store whole); a FILE that\n"
+	  "is not a gdbm store is refused and the store left as it is\n"
+	  "    sysconf rep /var/tmp/new_sysconf.gdbm\n" },
+	{ "export", 1, cmd_export, "BACKUP",
+	  "write the store's file as a backup file (spec Part 3.2: header,\n"
+	  "checksum, DES-enciphered payload); its messages go to stdout\n"
+	  "    sysconf export /tmp/sysconf.bak\n" },
+	{ "import", 1, cmd_import, "BACKUP",
+	  "replace the store, as rep does, with the one in the backup file\n"
+	  "BACKUP; a backup that is refused (its messages on stdout) or\n"
+	  "that does not hold a gdbm store leaves the store as it is\n"
+	  "    sysconf import /tmp/sysconf.bak\n" },
 };
 
 static const struct sysconf_command *

@@ -8,6 +8,8 @@ inside the sandbox with python3-gdbm, so keys and values are seen byte for
 byte (NULs included).
 """
 import json
+import os
+import subprocess
 import uuid
 
 import pytest
@@ -394,6 +396,10 @@ USAGE = [
     (["set", "a"], b"usage: sysconf [--store STORE] [--raw] set KEY VALUE"),
     (["dump", "x"], b"usage: sysconf [--store STORE] [--raw] dump"),
     (["load"], b"usage: sysconf [--store STORE] [--raw] load FILE"),
+    (["rep"], b"usage: sysconf [--store STORE] [--raw] rep FILE"),
+    (["rep", "a", "b"], b"usage: sysconf [--store STORE] [--raw] rep FILE"),
+    (["export"], b"usage: sysconf [--store STORE] [--raw] export BACKUP"),
+    (["import", "a", "b"], b"usage: sysconf [--store STORE] [--raw] import BACKUP"),
     (["--store"], b"option '--store' needs an argument"),
     (["--store", "bogus", "dump"], b"unknown store 'bogus' (sysconf, rtconf or sysinfo)"),
     (["-x", "dump"], b"unknown option '-x'"),
@@ -418,6 +424,9 @@ def test_help_lists_every_form_with_an_example(st, flag):
                  "\n          sysconf --store rtconf --raw set sync_result 1\n",
                  "\n  dump\n", "\n          sysconf --store rtconf dump\n",
                  "\n  load FILE\n", "\n          sysconf load /tmp/defaults.json\n",
+                 "\n  rep FILE\n", "\n          sysconf rep /var/tmp/new_sysconf.gdbm\n",
+                 "\n  export BACKUP\n", "\n          sysconf export /tmp/sysconf.bak\n",
+                 "\n  import BACKUP\n", "\n          sysconf import /tmp/sysconf.bak\n",
                  "  --store STORE", "  --raw ", "  -h, --help ",
                  "      sysconf  persistent settings, $DB_FILE, now %s\n" % st.sysconf,
                  "      rtconf   run-time state, $RT_DB_FILE, now %s\n" % st.rtconf,
@@ -461,3 +470,227 @@ def test_daemon_and_sysconf_read_each_other(sandbox, daemon):
     ok(sandbox.run([HXCTL, "set", 'wl_ssid=["a/b", 1]']),
        b'{"arguments":{},"result":"success"}\n')
     ok(default_run(sandbox, "get", "wl_ssid"), b'[ "a\\/b", 1 ]\n')
+
+
+# --------------------------------------------------------------------------
+# rep, export, import (the backup file itself: test_p3_2_backup.py)
+# --------------------------------------------------------------------------
+
+RECORDS = {b"wl_ssid\0": b'"Trip"\0', b"list\0": b"[ 1, 2 ]\0"}
+NOT_A_STORE = b"this is not a gdbm file\n" * 200
+
+
+def inode(sandbox, path):
+    r = sandbox.run(["/usr/bin/stat", "-c", "%i %a", path])
+    assert r.returncode == 0
+    return r.stdout
+
+
+def leftovers(sandbox, path):
+    """Files beside path whose names start with its name and a dot."""
+    d, name = path.rsplit("/", 1)
+    return sorted(n for n in os.listdir(sandbox.path(d)) if n.startswith(name + "."))
+
+
+def test_export_then_import_into_another_store(st, sandbox):
+    st.put(RECORDS)
+    bak = st.json + ".bak"
+    ok(st.run("export", bak))
+    assert len(sandbox.read(bak)) == len(sandbox.read(st.sysconf)) + 32
+    st.env["DB_FILE"] = st.rtconf
+    ok(st.run("import", bak))
+    assert sandbox.read(st.rtconf) == sandbox.read(st.sysconf)
+    assert st.records(st.rtconf) == RECORDS
+    assert leftovers(sandbox, st.rtconf) == []
+
+
+def test_export_of_other_store(st, sandbox):
+    st.put(RECORDS, st.sysinfo)
+    bak = st.json + ".bak"
+    ok(st.run("--store", "sysinfo", "export", bak))
+    ok(st.run("import", bak))
+    assert st.records() == RECORDS
+
+
+def test_export_missing_store_exits_3(st, sandbox):
+    bak = st.json + ".bak"
+    r = st.run("export", bak)
+    assert (r.returncode, r.stdout, r.stderr) == (
+        3, b"stat %s fail\nfailed to get file size for %s\n" % ((st.sysconf.encode(),) * 2), b"")
+    assert not sandbox.exists(bak)
+
+
+def test_export_cannot_write_exits_3(st):
+    st.put(RECORDS)
+    r = st.run("export", "/tmp/no-such-dir/x.bak")
+    assert (r.returncode, r.stdout, r.stderr) == (
+        3, b"open file /tmp/no-such-dir/x.bak for write fail\n"
+           b"fail to write /tmp/no-such-dir/x.bak\n", b"")
+
+
+def test_import_replaces_store_atomically(st, sandbox):
+    st.put(RECORDS)
+    bak = st.json + ".bak"
+    ok(st.run("export", bak))
+    ok(st.run("set", "wl_ssid", '"Other"'))
+    before = inode(sandbox, st.sysconf)
+    r = sandbox.run(["/bin/sh", "-c", 'umask 002; exec "$@"', "sh", SYSCONF, "import", bak],
+                    env=st.env)
+    ok(r)
+    assert st.records() == RECORDS
+    after = inode(sandbox, st.sysconf)
+    assert after.split()[0] != before.split()[0]
+    assert after.split()[1] == b"664"
+    assert leftovers(sandbox, st.sysconf) == []
+
+
+def untouched(st, sandbox, before):
+    """The store holds RECORDS in the same file, and no temporary file is left."""
+    assert st.records() == RECORDS
+    assert inode(sandbox, st.sysconf) == before
+    assert leftovers(sandbox, st.sysconf) == []
+
+
+def flip_byte_100(data):
+    return data[:100] + bytes([data[100] ^ 0x80]) + data[101:]
+
+
+@pytest.mark.parametrize("mangle,stdout", [
+    (lambda data: data[:32], b"invalid configure file, size error\n"),
+    (lambda data: b"", b"invalid configure file, size error\n"),
+    (flip_byte_100, b"invalid configure file, crc error\n"),
+    (lambda data: data[3::-1] + data[4:],
+     b"magic number mismatch\ninvalid configure file, magic number error\n"),
+], ids=["32-bytes", "empty", "crc", "big-endian-magic"])
+def test_import_refused_backup_exits_2_store_untouched(st, sandbox, mangle, stdout):
+    st.put(RECORDS)
+    bak = st.json + ".bak"
+    ok(st.run("export", bak))
+    sandbox.write(bak, mangle(sandbox.read(bak)))
+    before = inode(sandbox, st.sysconf)
+    r = st.run("import", bak)
+    assert (r.returncode, r.stdout, r.stderr) == (2, stdout, b"")
+    untouched(st, sandbox, before)
+
+
+def test_import_missing_backup_exits_2(st, sandbox):
+    st.put(RECORDS)
+    bak = st.json + ".bak"
+    before = inode(sandbox, st.sysconf)
+    r = st.run("import", bak)
+    assert (r.returncode, r.stdout, r.stderr) == (
+        2, b"stat %s fail\nfailed to get file size for %s\n" % ((bak.encode(),) * 2), b"")
+    untouched(st, sandbox, before)
+
+
+def test_import_payload_not_a_store_exits_2(st, sandbox):
+    st.put(RECORDS)
+    junk, bak = st.json + ".junk", st.json + ".bak"
+    sandbox.write(junk, NOT_A_STORE)
+    r = sandbox.run([SYSCONF, "export", bak], env={"DB_FILE": junk})
+    ok(r)
+    before = inode(sandbox, st.sysconf)
+    fails(st.run("import", bak), 2,
+          b"sysconf: %s: the payload is not a gdbm store (Bad magic number)\n" % bak.encode())
+    untouched(st, sandbox, before)
+
+
+def test_rep_replaces_store_atomically(st, sandbox):
+    new = st.json + ".new.gdbm"
+    st.put(RECORDS, new)
+    st.put({b"old\0": b"1\0"})
+    before = inode(sandbox, st.sysconf)
+    r = sandbox.run(["/bin/sh", "-c", 'umask 002; exec "$@"', "sh", SYSCONF, "rep", new],
+                    env=st.env)
+    ok(r)
+    assert sandbox.read(st.sysconf) == sandbox.read(new)
+    assert st.records() == RECORDS
+    after = inode(sandbox, st.sysconf)
+    assert after.split()[0] != before.split()[0]
+    assert after.split()[1] == b"664"
+    assert leftovers(sandbox, st.sysconf) == []
+
+
+def test_rep_mode_follows_umask(st, sandbox):
+    new = st.json + ".new.gdbm"
+    st.put(RECORDS, new)
+    r = sandbox.run(["/bin/sh", "-c", 'umask 027; exec "$@"', "sh", SYSCONF, "rep", new],
+                    env=st.env)
+    ok(r)
+    assert inode(sandbox, st.sysconf).split()[1] == b"640"
+
+
+def test_rep_creates_missing_store(st, sandbox):
+    new = st.json + ".new.gdbm"
+    st.put(RECORDS, new)
+    ok(st.run("--store", "rtconf", "rep", new))
+    assert st.records(st.rtconf) == RECORDS
+    assert st.records() is None
+
+
+@pytest.mark.parametrize("data,reason", [
+    (NOT_A_STORE, b"Bad magic number"),
+    (b"", b"Empty database"),
+], ids=["junk", "empty"])
+def test_rep_refuses_a_file_that_is_not_a_store(st, sandbox, data, reason):
+    st.put(RECORDS)
+    new = st.json + ".new.gdbm"
+    sandbox.write(new, data)
+    before = inode(sandbox, st.sysconf)
+    fails(st.run("rep", new), 2, b"sysconf: %s: not a gdbm store (%s)\n" % (new.encode(), reason))
+    untouched(st, sandbox, before)
+
+
+def test_rep_missing_file(st, sandbox):
+    st.put(RECORDS)
+    new = st.json + ".new.gdbm"
+    before = inode(sandbox, st.sysconf)
+    fails(st.run("rep", new), 2,
+          b"sysconf: cannot read %s: No such file or directory\n" % new.encode())
+    untouched(st, sandbox, before)
+
+
+def test_rep_store_directory_missing_exits_3(st, sandbox):
+    new = st.json + ".new.gdbm"
+    st.put(RECORDS, new)
+    st.env["DB_FILE"] = "/tmp/no-such-dir/x.gdbm"
+    fails(st.run("rep", new), 3,
+          b"sysconf: cannot create a file beside /tmp/no-such-dir/x.gdbm: "
+          b"No such file or directory\n")
+
+
+def test_rep_over_a_directory_exits_3_and_removes_its_file(st, sandbox):
+    new = st.json + ".new.gdbm"
+    st.put(RECORDS, new)
+    ok(sandbox.run(["/bin/mkdir", "-p", st.sysconf + "/inside"]))
+    fails(st.run("rep", new), 3, b"sysconf: cannot replace %s: Is a directory\n"
+          % st.sysconf.encode())
+    assert leftovers(sandbox, st.sysconf) == []
+    ok(sandbox.run(["/bin/rm", "-r", st.sysconf]))
+
+
+def test_rep_of_a_directory_exits_2(st, sandbox):
+    st.put(RECORDS)
+    before = inode(sandbox, st.sysconf)
+    fails(st.run("rep", "/tmp"), 2, b"sysconf: cannot read /tmp: Is a directory\n")
+    untouched(st, sandbox, before)
+
+
+def test_rep_store_path_too_long_exits_3(st, sandbox):
+    new = st.json + ".new.gdbm"
+    st.put(RECORDS, new)
+    st.env["DB_FILE"] = "/tmp/" + "a" * 4085
+    fails(st.run("rep", new), 3, b"sysconf: /tmp/%s: path too long\n" % (b"a" * 4085))
+
+
+def test_man_page_renders_cleanly_and_names_every_command():
+    page = os.path.join(os.path.dirname(__file__), "..", "..", "docs", "sysconf.1")
+    r = subprocess.run(["groff", "-man", "-Tutf8", "-ww", "-z", page],
+                       capture_output=True, timeout=60)
+    assert (r.returncode, r.stderr) == (0, b"")
+    text = subprocess.run(["groff", "-man", "-Tascii", "-P-cbou", page],
+                          capture_output=True, timeout=60, check=True).stdout.decode()
+    for word in ["sysconf rep /var/tmp/new_sysconf.gdbm", "sysconf export /tmp/sysconf.bak",
+                 "sysconf import /tmp/sysconf.bak", "get key", "set key value", "dump",
+                 "load file", "DB_FILE", "RT_DB_FILE", "INFO_DB_FILE", "EXIT STATUS", "64"]:
+        assert word in text, word
