@@ -21,6 +21,7 @@
 #define LISTEN_BACKLOG   128
 #define CLIENT_TIMEOUT   60
 #define MIN_REQUEST_SIZE 8
+#define ACCEPT_RETRY_SECONDS 1
 
 struct client {
 	int fd;
@@ -34,6 +35,16 @@ unsigned int g_exiting;
 static struct event_base *g_base;
 static unsigned int debug;
 static struct client_set clients = RB_INITIALIZER(&clients);
+/* The accept pause: while no descriptor is free the listening event is off
+ * (a level-triggered listener would call newclient again at once, for ever);
+ * it comes back when a client is released or when the retry timer fires. */
+static struct event *accept_ev;
+static struct event accept_retry;
+static unsigned int accept_paused;
+static unsigned int accept_starved;
+/* Held so that the console line of a shortage can still be written: the
+ * console is opened per message, and at that moment no descriptor is free. */
+static int accept_reserve = -1;
 
 static int
 client_cmp(const struct client *a, const struct client *b)
@@ -103,6 +114,59 @@ getsock(const char *path)
 }
 
 static void
+reserve_take(void)
+{
+	if (accept_reserve < 0)
+		accept_reserve = open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
+static void
+accept_resume(void)
+{
+	if (!accept_paused || g_exiting)
+		return;
+	reserve_take();
+	accept_paused = 0;
+	evtimer_del(&accept_retry);
+	event_add(accept_ev, NULL);
+}
+
+static void
+accept_retry_fired(evutil_socket_t fd, short events, void *arg)
+{
+	(void)fd;
+	(void)events;
+	(void)arg;
+	accept_resume();
+}
+
+/* Stops accepting until a descriptor may be free again.  The console line of
+ * Part 1.2 is written once per shortage, not once per failed retry. */
+static void
+accept_pause(void)
+{
+	struct timeval retry = { ACCEPT_RETRY_SECONDS, 0 };
+
+	if (!accept_starved) {
+		if (accept_reserve >= 0)
+			close(accept_reserve);
+		accept_reserve = -1;
+		gw_console("failed to accept ipc connection\n");
+		reserve_take();
+	}
+	accept_starved = 1;
+	accept_paused = 1;
+	event_del(accept_ev);
+	evtimer_add(&accept_retry, &retry);
+}
+
+static int
+accept_shortage(int err)
+{
+	return err == EMFILE || err == ENFILE || err == ENOBUFS || err == ENOMEM;
+}
+
+static void
 byebye(struct bufferevent *bev, short what, void *arg)
 {
 	struct client find, *client;
@@ -131,6 +195,7 @@ byebye(struct bufferevent *bev, short what, void *arg)
 	if (debug)
 		printf("*** client %i went bye-bye\n", fd);
 	free(client);
+	accept_resume();
 }
 
 static void
@@ -259,10 +324,13 @@ newclient(evutil_socket_t listen_fd, short events, void *arg)
 		return;
 	}
 	while ((fd = accept4(listen_fd, NULL, NULL, SOCK_CLOEXEC)) >= 0) {
+		accept_starved = 0;
 		if (client_add(fd) != 0)
 			return;
 	}
-	if (errno != EAGAIN && errno != ECONNABORTED)
+	if (accept_shortage(errno))
+		accept_pause();
+	else if (errno != EAGAIN && errno != ECONNABORTED)
 		gw_console("failed to accept ipc connection\n");
 }
 
@@ -294,6 +362,10 @@ server_listen(int fd)
 	event_set(ev, fd, EV_READ | EV_PERSIST, newclient, ev);
 	event_base_set(g_base, ev);
 	event_add(ev, NULL);
+	accept_ev = ev;
+	reserve_take();
+	evtimer_set(&accept_retry, accept_retry_fired, NULL);
+	event_base_set(g_base, &accept_retry);
 	return 0;
 }
 

@@ -1,5 +1,6 @@
 """hxsrvd running inside a Sandbox (hxsim.py), and the /proc helpers both use."""
 import os
+import resource
 import select
 import signal
 import subprocess
@@ -224,6 +225,34 @@ class Daemon:
         except OSError:
             return []
         return [int(c) for p, c in (line.split() for line in lines) if int(p) == self.ns_pid]
+
+    def fd_count(self):
+        """How many descriptors the daemon's process holds now."""
+        return len(os.listdir(f"/proc/{self.host_pid}/fd"))
+
+    def limit_descriptors(self, soft):
+        """Lowers the daemon's RLIMIT_NOFILE soft limit to SOFT (prlimit(2)
+        from the host; descriptors already open stay open)."""
+        _, hard = resource.prlimit(self.host_pid, resource.RLIMIT_NOFILE)
+        resource.prlimit(self.host_pid, resource.RLIMIT_NOFILE, (soft, hard))
+
+    def strace(self, syscall, out_path):
+        """strace -f of the running daemon, tracing SYSCALL to out_path; stop
+        it with end_strace. Returns once strace is attached."""
+        p = subprocess.Popen(["strace", "-f", "-qq", "-e", f"trace={syscall}",
+                              "-o", out_path, "-p", str(self.host_pid)],
+                             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                             stderr=subprocess.PIPE)
+        wait_until(lambda: self._traced() or p.poll() is not None, 30)
+        return p
+
+    def _traced(self):
+        return int(proc_status(self.host_pid)["TracerPid"][0]) != 0
+
+    def end_strace(self, p):
+        p.send_signal(signal.SIGINT)
+        p.wait(30)
+        wait_until(lambda: not self._traced(), 30)
 
     def stop(self, timeout=10):
         """SIGTERM, then SIGKILL after timeout; returns the exit status."""

@@ -42,7 +42,7 @@ REPO = os.path.dirname(SIM)
 DROP_CAPS = "-sys_time,-sys_boot,-sys_module,-sys_rawio,-mknod"
 SETPRIV = ["/usr/bin/setpriv", f"--inh-caps={DROP_CAPS}", f"--bounding-set={DROP_CAPS}"]
 PATH_INSIDE = "/usr/sbin:/usr/bin:/sbin:/bin"
-PASS_ENV = ("ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS")
+PASS_ENV = ("ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS")
 
 LOG_DIR = "/var/log/hxsim"
 # A cross build's binaries (see _install_emulated).
@@ -571,6 +571,33 @@ class Sandbox:
             if _key(key) in db:
                 del db[_key(key)]
 
+    def store_snapshot(self, store):
+        """Every record of the store, {key with its NUL: raw value}; None when
+        the file is absent."""
+        if not self.exists(STORES[store]):
+            return None
+        return self._read(store, lambda db: {k: db[k] for k in db.keys()})
+
+    def hold_store(self, store, flag="w"):
+        """A process inside that holds STORE open with dbm.gnu FLAG ("w": the
+        writer's exclusive lock, "r": a reader's shared lock) until its
+        standard input is closed (release_store)."""
+        code = ("import dbm.gnu, sys\n"
+                "db = dbm.gnu.open(sys.argv[1], sys.argv[2])\n"
+                "print('held', flush=True)\n"
+                "sys.stdin.read()\n"
+                "db.close()\n")
+        p = self.popen(["/usr/bin/python3", "-c", code, STORES[store], flag],
+                       stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        if p.stdout.readline() != b"held\n":
+            raise RuntimeError(f"could not hold {STORES[store]} with flag {flag}")
+        return p
+
+    @staticmethod
+    def release_store(holder):
+        holder.stdin.close()
+        holder.wait(timeout=30)
+
     def store_keys(self, store):
         """Keys as stored, each with its trailing NUL, in gdbm's order."""
         if not self.exists(STORES[store]):
@@ -607,6 +634,26 @@ class Sandbox:
 
     def remove_disk(self, name):
         self.remove(f"/sys/block/{name}")
+
+    # small file systems
+
+    def mount_tmpfs(self, p, size):
+        """Mounts a tmpfs of SIZE (mount's size=, e.g. "256k") over the
+        directory p inside the sandbox, with p's files copied onto it."""
+        saved = {n: self.read(f"{p}/{n}") for n in os.listdir(self.path(p))
+                 if os.path.isfile(self.path(f"{p}/{n}"))}
+        mode = "%o" % (os.stat(self.path(p)).st_mode & 0o7777)
+        self.run(["mount", "-t", "tmpfs", "-o", f"size={size},mode={mode}",
+                  "hxsim-small", p], check=True)
+        for name, data in saved.items():
+            self.write(f"{p}/{name}", data)
+
+    def fill_fs(self, p, name=".hxsim-fill"):
+        """Fills the file system of directory p with the file p/NAME until
+        ENOSPC; returns that file's sandbox path (remove it to free space)."""
+        fill = f"{p}/{name}"
+        self.run(["/bin/sh", "-c", f"cat /dev/zero > {shlex.quote(fill)}"])
+        return fill
 
     # power-management controller (sim/pmcontroller.py)
 
