@@ -10,11 +10,15 @@
  * error counts; -L writes every measured latency (ns), one per line.
  *
  *   hxload [-s SOCKET] -f REQUESTS [-n N] [-w WARMUP] [-c CLIENTS]
- *          [-H HOLD [-P]] [-L FILE] [-o FILE] [-t MS] [-a]
+ *          [-H HOLD [-P]] [-L FILE] [-o FILE] [-t MS] [-a | -m]
  *
  * REQUESTS holds one request per line; request k goes to line k mod lines.
  * The first reply to each line is parsed with json-c and must have "result"
- * "success" (unless -a); later replies to the line must have its size. */
+ * "success" (unless -a); later replies to the line must have its size.
+ * With -m (mixed requests, bench/soak) each line is "RESULT<TAB>REQUEST" and
+ * every reply is parsed and must have that "result"; RESULT "-" means the
+ * daemon closes the connection without a reply (a request that is not JSON).
+ * Replies may then differ in size. */
 #include <errno.h>
 #include <getopt.h>
 #include <poll.h>
@@ -32,16 +36,37 @@
 
 #define PROG "hxload"
 #define READ_CHUNK 65536
-#define MAX_LINES 64
+#define MAX_LINES 128
+
+/* A reply as received, NUL-terminated: the first reply to each line, and
+ * with -m every reply (one buffer per client, reused). */
+struct reply_buf {
+	char *p;
+	size_t len, cap;
+};
+
+static void
+reply_append(struct reply_buf *b, const char *p, size_t n)
+{
+	if (b->cap - b->len < n + 1) {
+		b->cap = (b->len + n + 1) * 2;
+		b->p = realloc(b->p, b->cap);
+		if (b->p == NULL)
+			bench_die(PROG, "out of memory", 0);
+	}
+	memcpy(b->p + b->len, p, n);
+	b->len += n;
+	b->p[b->len] = '\0';
+}
 
 struct request {
 	char *text;
 	size_t len;
-	size_t reply_len;	/* of the first reply; 0 until it came */
-	char *first_reply;
-	size_t first_cap;
+	struct reply_buf first;	/* the first reply; len 0 until it came */
 	int taken;		/* a flight is capturing the first reply */
 	int done;		/* the first reply is complete */
+	const char *expect;	/* -m: the "result" every reply must have */
+	int expect_close;	/* -m: closed without a reply */
 };
 
 struct counts {
@@ -53,8 +78,10 @@ struct counts {
 	unsigned long timeouts;
 	unsigned long malformed;	/* not a JSON object */
 	unsigned long trailing;		/* bytes after the object */
-	unsigned long bad_result;	/* first reply: "result" not "success" */
+	unsigned long bad_result;	/* "result" not "success" (-m: not the expected) */
 	unsigned long size_changed;	/* reply size differs from the first */
+	unsigned long checked;		/* -m: replies with the expected result */
+	unsigned long closed;		/* -m: closed without a reply, as expected */
 };
 
 struct load {
@@ -62,7 +89,7 @@ struct load {
 	struct request req[MAX_LINES];
 	int lines;
 	unsigned long n, warmup, clients, hold;
-	int pause, any_result, timeout_ms;
+	int pause, any_result, mixed, timeout_ms;
 	const char *lat_path, *reply_path;
 	uint64_t *lat;
 	size_t nlat;
@@ -77,8 +104,22 @@ static void
 usage(void)
 {
 	fputs("usage: hxload [-s SOCKET] -f REQUESTS [-n N] [-w WARMUP] [-c CLIENTS]\n"
-	      "              [-H HOLD [-P]] [-L FILE] [-o FILE] [-t MS] [-a]\n", stderr);
+	      "              [-H HOLD [-P]] [-L FILE] [-o FILE] [-t MS] [-a | -m]\n", stderr);
 	exit(64);
+}
+
+/* -m: splits "RESULT<TAB>REQUEST" in place. */
+static char *
+split_expect(struct request *r, char *line)
+{
+	char *tab = strchr(line, '\t');
+
+	if (tab == NULL)
+		bench_die(PROG, "-m: a line must be RESULT<TAB>REQUEST", 0);
+	*tab = '\0';
+	r->expect = line;
+	r->expect_close = strcmp(line, "-") == 0;
+	return tab + 1;
 }
 
 static void
@@ -90,13 +131,15 @@ load_requests(struct load *L, const char *path)
 	if (text == NULL)
 		bench_die(PROG, path, 1);
 	for (line = strtok_r(text, "\n", &save); line != NULL; line = strtok_r(NULL, "\n", &save)) {
+		struct request *r = &L->req[L->lines];
+
 		if (*line == '\0')
 			continue;
 		if (L->lines == MAX_LINES)
 			bench_die(PROG, "too many request lines", 0);
-		L->req[L->lines].text = line;
-		L->req[L->lines].len = strlen(line);
-		if (L->req[L->lines].len <= 8)
+		r->text = L->mixed ? split_expect(r, line) : line;
+		r->len = strlen(r->text);
+		if (r->len <= 8)
 			bench_die(PROG, "a request must be longer than 8 bytes", 0);
 		L->lines++;
 	}
@@ -104,32 +147,45 @@ load_requests(struct load *L, const char *path)
 		bench_die(PROG, "no request in the file", 0);
 }
 
-/* Keeps the first reply to each line, to check it and to write it out. */
-static void
-capture(struct request *r, const char *p, size_t n)
-{
-	if (r->first_cap - r->reply_len < n + 1) {
-		r->first_cap = (r->reply_len + n + 1) * 2;
-		r->first_reply = realloc(r->first_reply, r->first_cap);
-		if (r->first_reply == NULL)
-			bench_die(PROG, "out of memory", 0);
-	}
-	memcpy(r->first_reply + r->reply_len, p, n);
-	r->reply_len += n;
-	r->first_reply[r->reply_len] = '\0';
-}
-
 static void
 check_first(struct load *L, struct request *r)
 {
-	struct json_object *o = json_tokener_parse(r->first_reply), *res;
+	struct json_object *o = json_tokener_parse(r->first.p), *res;
 
 	if (o == NULL || !json_object_is_type(o, json_type_object)) {
 		L->c.malformed++;
 	} else if (!L->any_result && (!json_object_object_get_ex(o, "result", &res) ||
 				      strcmp(json_object_get_string(res), "success") != 0)) {
-		fprintf(stderr, "hxload: reply is not a success: %s\n", r->first_reply);
+		fprintf(stderr, "hxload: reply is not a success: %s\n", r->first.p);
 		L->c.bad_result++;
+	}
+	json_object_put(o);
+}
+
+/* -m: the first few wrong replies are shown, then only counted. */
+static void
+mixed_mismatch(struct load *L, const struct request *r, const char *reply)
+{
+	if (L->c.bad_result + L->c.malformed + L->c.eof < 10)
+		fprintf(stderr, "hxload: expected \"%s\" for %s, got: %s\n", r->expect, r->text,
+			reply);
+}
+
+static void
+check_mixed(struct load *L, const struct request *r, const struct reply_buf *b)
+{
+	struct json_object *o = json_tokener_parse(b->p), *res;
+
+	if (o == NULL || !json_object_is_type(o, json_type_object)) {
+		mixed_mismatch(L, r, b->p);
+		L->c.malformed++;
+	} else if (r->expect_close || !json_object_object_get_ex(o, "result", &res) ||
+		   !json_object_is_type(res, json_type_string) ||
+		   strcmp(json_object_get_string(res), r->expect) != 0) {
+		mixed_mismatch(L, r, b->p);
+		L->c.bad_result++;
+	} else {
+		L->c.checked++;
 	}
 	json_object_put(o);
 }
@@ -143,7 +199,21 @@ struct flight {
 	size_t got;
 	int capturing;
 	struct json_end je;
+	struct reply_buf *reply;	/* -m */
 };
+
+static int
+flight_feed_mixed(struct load *L, struct flight *f, const char *buf, size_t n, long end)
+{
+	reply_append(f->reply, buf, end > 0 ? (size_t)end : n);
+	f->got += end > 0 ? (size_t)end : n;
+	if (end == 0)
+		return 0;
+	if ((size_t)end < n)
+		L->c.trailing++;
+	check_mixed(L, &L->req[f->line], f->reply);
+	return 1;
+}
 
 /* Feeds received bytes; 1 when the reply is complete, 0 for more, -1 when
  * it is malformed. */
@@ -157,8 +227,10 @@ flight_feed(struct load *L, struct flight *f, const char *buf, size_t n)
 		L->c.malformed++;
 		return -1;
 	}
+	if (L->mixed)
+		return flight_feed_mixed(L, f, buf, n, end);
 	if (f->capturing)
-		capture(r, buf, end > 0 ? (size_t)end : n);
+		reply_append(&r->first, buf, end > 0 ? (size_t)end : n);
 	f->got += end > 0 ? (size_t)end : n;
 	if (end == 0)
 		return 0;
@@ -167,7 +239,7 @@ flight_feed(struct load *L, struct flight *f, const char *buf, size_t n)
 	if (f->capturing) {
 		r->done = 1;
 		check_first(L, r);
-	} else if (r->done && f->got != r->reply_len) {
+	} else if (r->done && f->got != r->first.len) {
 		L->c.size_changed++;
 	}
 	return 1;
@@ -176,7 +248,12 @@ flight_feed(struct load *L, struct flight *f, const char *buf, size_t n)
 static void
 flight_begin(struct load *L, struct flight *f, unsigned long seq)
 {
+	struct reply_buf *reply = f->reply;
+
 	memset(f, 0, sizeof(*f));
+	f->reply = reply;
+	if (reply != NULL)
+		reply->len = 0;
 	f->fd = -1;
 	f->seq = seq;
 	f->line = (int)(seq % (unsigned long)L->lines);
@@ -206,8 +283,25 @@ flight_failed(struct load *L, struct flight *f)
 
 	if (f->capturing && !r->done) {
 		r->taken = 0;
-		r->reply_len = 0;
+		r->first.len = 0;
 	}
+}
+
+/* The end of the connection: 1 when -m expected it (no reply to a request
+ * that is not JSON), else an error. */
+static int
+flight_eof(struct load *L, const struct flight *f)
+{
+	const struct request *r = &L->req[f->line];
+
+	if (L->mixed && r->expect_close && f->got == 0) {
+		L->c.closed++;
+		return 1;
+	}
+	if (L->mixed)
+		mixed_mismatch(L, r, f->got ? f->reply->p : "(closed, no reply)");
+	L->c.eof++;
+	return 0;
 }
 
 static int
@@ -231,7 +325,8 @@ static void
 one_request(struct load *L, unsigned long seq)
 {
 	static char buf[READ_CHUNK];
-	struct flight f;
+	static struct reply_buf reply;
+	struct flight f = { .reply = L->mixed ? &reply : NULL };
 	int done = 0;
 
 	flight_begin(L, &f, seq);
@@ -262,8 +357,10 @@ one_request(struct load *L, unsigned long seq)
 			goto out;
 		}
 		if (r == 0) {
-			L->c.eof++;
-			goto out;
+			done = flight_eof(L, &f);
+			if (!done)
+				goto out;
+			break;
 		}
 		done = flight_feed(L, &f, buf, (size_t)r);
 		if (done < 0)
@@ -370,11 +467,11 @@ slot_readable(struct pool *P, struct flight *f)
 		if (r < 0 && errno == EAGAIN)
 			return;
 		if (r <= 0) {
-			if (r == 0)
-				P->L->c.eof++;
-			else
+			int ok = r == 0 && flight_eof(P->L, f);
+
+			if (r < 0)
 				P->L->c.read_errors++;
-			slot_finish(P, f, 0);
+			slot_finish(P, f, ok);
 			return;
 		}
 		done = flight_feed(P->L, f, buf, (size_t)r);
@@ -423,17 +520,20 @@ run_pool(struct load *L)
 {
 	struct pool P = { .L = L, .total = L->warmup + L->n };
 	struct epoll_event *evs;
+	struct reply_buf *replies;
 	unsigned long i;
 	int pending = 0;
 
 	P.ep = epoll_create1(EPOLL_CLOEXEC);
 	P.slots = calloc(L->clients, sizeof(*P.slots));
 	evs = calloc(L->clients, sizeof(*evs));
-	if (P.ep < 0 || P.slots == NULL || evs == NULL)
+	replies = calloc(L->clients, sizeof(*replies));
+	if (P.ep < 0 || P.slots == NULL || evs == NULL || replies == NULL)
 		bench_die(PROG, "epoll set", 1);
 	for (i = 0; i < L->clients; i++) {
 		P.slots[i].seq = ~0ul;
 		P.slots[i].fd = -1;
+		P.slots[i].reply = L->mixed ? &replies[i] : NULL;
 		if (P.issued < P.total) {
 			flight_begin(L, &P.slots[i], P.issued++);
 			pending |= slot_connect(&P, &P.slots[i]) == 0;
@@ -449,6 +549,9 @@ run_pool(struct load *L)
 		pending = pool_sweep(&P);
 	}
 	close(P.ep);
+	for (i = 0; i < L->clients; i++)
+		free(replies[i].p);
+	free(replies);
 	free(P.slots);
 	free(evs);
 }
@@ -529,11 +632,11 @@ write_outputs(struct load *L)
 		if (fclose(f) != 0)
 			bench_die(PROG, L->lat_path, 1);
 	}
-	if (L->reply_path != NULL && L->req[0].first_reply != NULL) {
+	if (L->reply_path != NULL && L->req[0].first.p != NULL) {
 		FILE *f = fopen(L->reply_path, "w");
 
-		if (f == NULL || fwrite(L->req[0].first_reply, 1, L->req[0].reply_len, f) !=
-		    L->req[0].reply_len || fclose(f) != 0)
+		if (f == NULL || fwrite(L->req[0].first.p, 1, L->req[0].first.len, f) !=
+		    L->req[0].first.len || fclose(f) != 0)
 			bench_die(PROG, L->reply_path, 1);
 	}
 }
@@ -555,12 +658,14 @@ report(struct load *L)
 	printf(", \"requested\": %lu, \"clients\": %lu, \"wall_s\": %.6f, \"rps\": %.1f, "
 	       "\"errors\": %lu, \"connect_errors\": %lu, \"eagain\": %lu, \"write_errors\": %lu, "
 	       "\"read_errors\": %lu, \"eof\": %lu, \"timeouts\": %lu, \"malformed\": %lu, "
-	       "\"trailing\": %lu, \"bad_result\": %lu, \"size_changed\": %lu, \"reply_bytes\": [",
+	       "\"trailing\": %lu, \"bad_result\": %lu, \"size_changed\": %lu, \"checked\": %lu, "
+	       "\"closed_as_expected\": %lu, \"reply_bytes\": [",
 	       L->n, L->clients, wall, wall > 0 ? (double)st.n / wall : 0.0, errors,
 	       L->c.connect_errors, L->c.eagain, L->c.write_errors, L->c.read_errors, L->c.eof,
-	       L->c.timeouts, L->c.malformed, L->c.trailing, L->c.bad_result, L->c.size_changed);
+	       L->c.timeouts, L->c.malformed, L->c.trailing, L->c.bad_result, L->c.size_changed,
+	       L->c.checked, L->c.closed);
 	for (i = 0; i < L->lines; i++)
-		printf("%s%zu", i ? ", " : "", L->req[i].reply_len);
+		printf("%s%zu", i ? ", " : "", L->req[i].first.len);
 	printf("]");
 	if (L->hold)
 		printf(", \"hold\": %lu, \"held_open\": %lu, \"held_refused\": %lu, "
@@ -602,7 +707,7 @@ main(int argc, char *argv[])
 	const char *reqs = NULL;
 	int c;
 
-	while ((c = getopt(argc, argv, "s:f:n:w:c:H:PL:o:t:a")) != -1) {
+	while ((c = getopt(argc, argv, "s:f:n:w:c:H:PL:o:t:am")) != -1) {
 		switch (c) {
 		case 's': L.socket_path = optarg; break;
 		case 'f': reqs = optarg; break;
@@ -615,10 +720,11 @@ main(int argc, char *argv[])
 		case 'o': L.reply_path = optarg; break;
 		case 't': L.timeout_ms = (int)number(optarg); break;
 		case 'a': L.any_result = 1; break;
+		case 'm': L.mixed = 1; break;
 		default: usage();
 		}
 	}
-	if (reqs == NULL || optind != argc || L.clients == 0)
+	if (reqs == NULL || optind != argc || L.clients == 0 || (L.mixed && L.any_result))
 		usage();
 	signal(SIGPIPE, SIG_IGN);
 	load_requests(&L, reqs);

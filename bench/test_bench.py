@@ -2,8 +2,9 @@
 asserted):  /usr/bin/python3 -m pytest -q bench/test_bench.py
 
 Builds the tools into bench/build, checks hxload's end-of-reply detection
-and counts against hxfloor serving awkward replies in the sandbox, hxspawn,
-and that `bench/run --quick` completes and writes its JSON."""
+and counts against hxfloor serving awkward replies in the sandbox, its mixed
+mode (-m) against hxsrvd, hxspawn, and that `bench/run --quick` and a short
+`bench/soak` complete."""
 import json
 import os
 import subprocess
@@ -72,6 +73,38 @@ def test_spawn_counts_failures(bench):
     r = json.loads(bench.run([bench.tool("hxspawn"), "-n", "5", "-w", "0", "/bin/true", "::",
                               "/bin/false"], check=True).stdout)
     assert (r["a"]["n"], r["a"]["failed"], r["b"]["failed"]) == (5, 0, 5)
+
+
+MIXED = [
+    'success\t{"method": "revalidate", "arguments": {"video": {}}}',
+    'method not found\t{"method": "nothing", "arguments": {}}',
+    '-\tthis is not JSON at all',
+]
+
+
+@pytest.mark.parametrize("clients", [1, 3])
+def test_mixed_mode_checks_every_reply(bench, clients):
+    """hxload -m against hxsrvd: every reply's result is checked, a request
+    that is not JSON must be closed without reply; a wrong expectation is
+    counted for every reply, not only the first."""
+    lines = MIXED + ['internal error\t{"method": "revalidate", "arguments": {"video": {}}}']
+    bench.sb.write("/var/tmp/bench/mixed.req", "\n".join(lines) + "\n")
+    proc, pid = bench.daemon()
+    try:
+        r = json.loads(bench.run([bench.tool("hxload"), "-m", "-s", hxbench.SOCKET, "-f",
+                                  "/var/tmp/bench/mixed.req", "-n", "40", "-w", "0",
+                                  "-c", str(clients)], check=True).stdout)
+    finally:
+        bench.stop_server(proc, pid)
+    assert (r["checked"], r["closed_as_expected"], r["bad_result"], r["errors"]) == (20, 10, 10, 10)
+
+
+def test_soak_passes_a_short_run():
+    build = os.environ.get("HX_BUILD", os.path.join(REPO, "build"))
+    r = subprocess.run([os.path.join(BENCH, "soak"), "--requests", "2000", "--clients", "4",
+                        "--build", build], capture_output=True, text=True, timeout=900)
+    assert r.returncode == 0, r.stdout + r.stderr
+    assert "| descriptors exactly constant |" in r.stdout and "result: PASS" in r.stdout
 
 
 def test_run_quick_writes_its_results():
