@@ -87,6 +87,20 @@ sys_string(const char *key, char *buf, size_t size)
 	return confGetString(CONF_SYSCONF, key, buf, size) == 0 ? 0 : -1;
 }
 
+/* A stored interface name or address that reaches the shell unquoted: a
+ * text with any character that gwutil_shell_safe refuses is refused (-1),
+ * as a key that cannot be read (DESIGN.md section 8). */
+static int
+sys_word(const char *key, char *buf, size_t size)
+{
+	if (sys_string(key, buf, size) != 0)
+		return -1;
+	if (gwutil_shell_safe(buf))
+		return 0;
+	printf("%s refused: unsafe characters\n", key);
+	return -1;
+}
+
 int
 dlna_restart(void)
 {
@@ -122,8 +136,8 @@ lan_set_router(const char *lan_if)
 {
 	char ipaddr[NAME_SIZE], netmask[NAME_SIZE], stp[NAME_SIZE];
 
-	if (sys_string("lan_ipaddr", ipaddr, sizeof(ipaddr)) != 0 ||
-	    sys_string("lan_netmask", netmask, sizeof(netmask)) != 0)
+	if (sys_word("lan_ipaddr", ipaddr, sizeof(ipaddr)) != 0 ||
+	    sys_word("lan_netmask", netmask, sizeof(netmask)) != 0)
 		return -1;
 	if (do_systemf(CMD_SIZE, "/sbin/ifconfig %s %s netmask %s ", lan_if, ipaddr, netmask) != 0)
 		return -1;
@@ -145,8 +159,8 @@ lan_set(void)
 	int bridge = sys_string("work_mode", mode, sizeof(mode)) == 0 &&
 		     strcmp(mode, "bridge") == 0;
 
-	if (sys_string("wan_if", wan_if, sizeof(wan_if)) != 0 ||
-	    sys_string("lan_if", lan_if, sizeof(lan_if)) != 0)
+	if (sys_word("wan_if", wan_if, sizeof(wan_if)) != 0 ||
+	    sys_word("lan_if", lan_if, sizeof(lan_if)) != 0)
 		return -1;
 	return bridge ? lan_set_bridge(lan_if, wan_if) : lan_set_router(lan_if);
 }
@@ -157,7 +171,7 @@ wan_start(void)
 	char wan_if[NAME_SIZE], type[NAME_SIZE];
 
 	confSetf(CONF_RTCONF, "wifi_sta_status", "\"Connecting\"");
-	if (sys_string("wan_if", wan_if, sizeof(wan_if)) != 0 ||
+	if (sys_word("wan_if", wan_if, sizeof(wan_if)) != 0 ||
 	    sys_string("wan_type", type, sizeof(type)) != 0)
 		return -1;
 	if (do_systemf(CMD_SIZE, "/usr/sbin/brctl delif br0 %s", wan_if) != 0)
@@ -219,7 +233,7 @@ wan_service_stop(void)
 	confSetf(CONF_RTCONF, "wan_status", "\"WAN_DOWN\"");
 	confSetf(CONF_RTCONF, "wan_if", "\"\"");
 	confSetf(CONF_RTCONF, "wan_up_time", "\"\"");
-	if (sys_string("wan_if", wan_if, sizeof(wan_if)) != 0 ||
+	if (sys_word("wan_if", wan_if, sizeof(wan_if)) != 0 ||
 	    do_systemf(CMD_SIZE, "/sbin/ifconfig %s 0.0.0.0", wan_if) != 0)
 		return -1;
 	do_system("/sbin/ifconfig mlan0 0.0.0.0 > /dev/null 2>&1");

@@ -200,6 +200,34 @@ def test_lan_unparsable_lan_if_runs_nothing(lw, daemon, sandbox):
     assert run.cmds == []
 
 
+@pytest.mark.parametrize("key,value", [
+    ("lan_ipaddr", "192.168.100.1;touch /tmp/pwned"),
+    ("lan_netmask", "255.255.255.0 $(touch /tmp/pwned)"),
+    ("lan_if", "br0|touch /tmp/pwned"),
+    ("wan_if", "mlan0`touch /tmp/pwned`"),
+])
+def test_lan_unsafe_stored_word_is_refused(lw, daemon, sandbox, key, value):
+    """Safety (README deviations, 4.2): a stored interface name or address
+    that reaches the shell unquoted runs nothing when it holds a character
+    the shell interprets; the lan target still answers success."""
+    put(sandbox, key, value)
+    run = Run(sandbox, daemon, "lan", {"action": "start"})
+    assert (run.reply, run.cmds) == (SUCCESS, [])
+    assert run.all_out == f"{key} refused: unsafe characters\n"
+    assert not sandbox.exists("/tmp/pwned")
+    assert sandbox.store_get("rtconf", "lan_if") == b'"br0"\0'
+
+
+def test_wan_stop_unsafe_wan_if_runs_no_ifconfig(lw, daemon, sandbox):
+    put(sandbox, "wan_if", "mlan0;touch /tmp/pwned")
+    run = Run(sandbox, daemon, "wan", {"action": "stop"}, 1)
+    assert run.reply == SUCCESS
+    assert "wan_if refused: unsafe characters\n" in run.all_out
+    assert not any(c[:1] == ["/sbin/ifconfig"] or c[:2] == [BG, ["/sbin/ifconfig"]]
+                   for c in run.cmds)
+    assert not sandbox.exists("/tmp/pwned")
+
+
 @pytest.mark.parametrize("value", [{}, {"action": "stop"}, {"action": 1}])
 def test_lan_other_actions_do_nothing(lw, daemon, sandbox, value):
     run = Run(sandbox, daemon, "lan", value)
