@@ -427,8 +427,17 @@ set_number(struct json_object *object, const char *key, int number)
 	info_set_string(object, key, text);
 }
 
+static void
+set_partition_names(struct json_object *object, const partition_info *part)
+{
+	info_set_string(object, "label", part->label);
+	info_set_string(object, "type", part->type);
+}
+
+/* One object per partition; "diskstatus" lists the capacities before the
+ * label and type, "disk_list" after them. */
 static const char *
-add_summary_partitions(struct json_object *array, const disk_info *di)
+add_partitions(struct json_object *array, const disk_info *di, int names_first)
 {
 	uint32_t i;
 
@@ -439,11 +448,13 @@ add_summary_partitions(struct json_object *array, const disk_info *di)
 		if (object == NULL)
 			return "ERROR";
 		json_object_array_add(array, object);
+		if (names_first)
+			set_partition_names(object, part);
 		set_capacity(object, "capacity", part->capacity);
 		set_capacity(object, "used", part->used);
 		set_capacity(object, "avai", part->avail);
-		info_set_string(object, "label", part->label);
-		info_set_string(object, "type", part->type);
+		if (!names_first)
+			set_partition_names(object, part);
 	}
 	return NULL;
 }
@@ -472,28 +483,7 @@ _info_getSnDiskInfo(struct json_object *name, struct json_object *infos, void *d
 	if (array == NULL)
 		return "ERROR";
 	json_object_object_add(object, "partition_detail", array);
-	return add_summary_partitions(array, &di);
-}
-
-static const char *
-add_list_partitions(struct json_object *array, const disk_info *disk)
-{
-	uint32_t i;
-
-	for (i = 0; i < disk->partition_num; i++) {
-		const partition_info *part = &disk->partition[i];
-		struct json_object *object = new_object();
-
-		if (object == NULL)
-			return "ERROR";
-		json_object_array_add(array, object);
-		info_set_string(object, "label", part->label);
-		info_set_string(object, "type", part->type);
-		set_capacity(object, "capacity", part->capacity);
-		set_capacity(object, "used", part->used);
-		set_capacity(object, "avai", part->avail);
-	}
-	return NULL;
+	return add_partitions(array, &di, 0);
 }
 
 static const char *
@@ -512,7 +502,7 @@ add_disk(struct json_object *array, const disk_info *disk)
 	if (partitions == NULL)
 		return "ERROR";
 	json_object_object_add(object, "partition_detail", partitions);
-	return add_list_partitions(partitions, disk);
+	return add_partitions(partitions, disk, 1);
 }
 
 const char *
