@@ -364,7 +364,7 @@ info_file_items(const char *path, info_line_fn fn, void *arg, struct json_object
 }
 
 /* clientid keeps the line's newline: only the blank separates fields. */
-static int
+int
 info_lease_line(char *line, struct json_object *array, void *arg)
 {
 	struct json_object *object = info_new_object();

@@ -37,6 +37,10 @@ struct info_lease {
 	char *expires, *mac, *ipaddr, *hostname, *clientid;
 };
 int info_lease_split(char *line, struct info_lease *lease);
+/* One line of the lease file added to array as the item's object
+ * (expires, mac, ipaddr, hostname, clientid); a short line adds nothing.
+ * 0, or -1 when no object can be made (fuzz/fuzz_leases.c). */
+int info_lease_line(char *line, struct json_object *array, void *arg);
 /* end - now, with correction added to an end that lies before now; a
  * result outside long is clamped. */
 long info_lease_expires(long end, long now, long correction);
