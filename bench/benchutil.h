@@ -23,7 +23,7 @@ struct bench_stats {
 };
 
 /* Sorts v in place and fills st; st is all zero when n is 0. */
-void bench_stats(uint64_t *v, size_t n, struct bench_stats *st);
+void bench_stats_calc(uint64_t *v, size_t n, struct bench_stats *st);
 
 /* Prints st as the members of a JSON object ("n": .., "median_ns": .., ...),
  * without the braces. */

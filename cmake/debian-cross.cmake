@@ -14,7 +14,7 @@
 # the dynamic loader and every library come from the target root.
 
 set(CMAKE_SYSTEM_NAME Linux)
-set(CMAKE_C_COMPILER ${HX_TRIPLET}-gcc)
+set(CMAKE_CXX_COMPILER ${HX_TRIPLET}-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE ${HX_TRIPLET})
 
 if(NOT HX_SYSROOT)

@@ -4,6 +4,8 @@
 
 #include <stdint.h>
 
+#include <atomic>
+
 struct evbuffer;
 struct json_object;
 
@@ -12,7 +14,7 @@ struct sync_task {
 	int32_t id;
 	struct evbuffer *src;
 	struct evbuffer *dst;
-	_Atomic int32_t status;	/* written by the request thread and the worker */
+	std::atomic<int32_t> status;	/* written by the request thread and the worker */
 	int32_t reserved;
 };
 

@@ -22,7 +22,8 @@ int option_error(int c, char **argv);
 /* p, unless it is NULL: then "PROG: out of memory" ends the program with
  * tool_out_of_memory_status.  A short-lived tool has nothing to clean up,
  * and every caller would only pass the failure on. */
-void *must(void *p);
+void *must_(void *p);
+template <typename T> T *must(T *p) { return static_cast<T *>(must_(p)); }
 
 /* 1 and *value set (NULL for null) when the whole of text is one strict
  * JSON value; 0 otherwise.  NaN and Infinity, which json-c takes even in

@@ -5,7 +5,15 @@
 #ifndef HX_DISKUNLOCK_H
 #define HX_DISKUNLOCK_H
 
+#ifdef __cplusplus
+extern "C" {
+#endif
+
 int disk_probe(const char *disk_name);
 int disk_unlock(const char *disk_name, const char *password);
+
+#ifdef __cplusplus
+}
+#endif
 
 #endif

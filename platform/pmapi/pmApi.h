@@ -12,11 +12,19 @@
 
 #include <stdint.h>
 
+#ifdef __cplusplus
+extern "C" {
+#endif
+
 #define PMC_SOCKET_PATH "/var/run/pmc.sock"
 #define PMC_TIMEOUT_MS 2000
 
 int pmc_ipc_send_message(int id);
 int pmc_ipc_send_message_with_param(int id, int32_t *param);
 int pmc_get_system_status(int32_t *status);
+
+#ifdef __cplusplus
+}
+#endif
 
 #endif

@@ -4,6 +4,10 @@
 
 #include <stddef.h>
 
+#ifdef __cplusplus
+extern "C" {
+#endif
+
 struct wpa_ctrl;
 
 struct wpa_ctrl *wpa_ctrl_open(const char *ctrl_path);
@@ -14,5 +18,9 @@ int wpa_ctrl_request(struct wpa_ctrl *ctrl, const char *cmd, size_t cmd_len,
 int wpa_ctrl_attach(struct wpa_ctrl *ctrl);
 int wpa_ctrl_detach(struct wpa_ctrl *ctrl);
 int wpa_ctrl_get_fd(struct wpa_ctrl *ctrl);
+
+#ifdef __cplusplus
+}
+#endif
 
 #endif

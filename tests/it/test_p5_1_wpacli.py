@@ -84,10 +84,10 @@ def files(sandbox, tmp_path_factory):
     with open(os.path.join(REPO, "tests/it/fakewpa.py"), "rb") as f:
         sandbox.write(FAKE, f.read())
     sandbox.write(PROBE, PROBE_TEXT.encode())
-    cc = shutil.which("gcc") or shutil.which("cc")
+    cc = shutil.which("g++") or shutil.which("c++")
     so = tmp_path_factory.mktemp("wpactrl") / "libwpactrl-test.so"
     subprocess.run([cc, "-shared", "-fPIC", "-O1", "-Wall", "-Wextra", "-Werror",
-                    "-o", str(so), os.path.join(REPO, "platform/wpactrl/wpa_ctrl.c")],
+                    "-std=c++20", "-o", str(so), os.path.join(REPO, "platform/wpactrl/wpa_ctrl.cpp")],
                    check=True)
     sandbox.write(LIB, so.read_bytes())
     return sandbox
