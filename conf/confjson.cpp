@@ -1,55 +1,41 @@
-#include <stdarg.h>
-#include <stdio.h>
-#include <stdlib.h>
-
-#include <event.h>
-#include <json-c/json.h>
-
+// Transitional: the C-style JSON readers over the store, removed once no
+// caller uses them (conf/store.h has their replacements).
 #include "conf/confjson.h"
+
+#include <string.h>
+
+#include "core/fmt.h"
 #include "core/util.h"
 
-int
-confGetJson(enum conf_store store, const char *key, struct json_object **value)
+static hx::conf::Store store_of(enum conf_store store)
 {
-	struct evbuffer *buf = evbuffer_new();
-	int ret = CONF_MISSING;
-
-	*value = NULL;
-	if (buf == NULL)
-		return CONF_MISSING;
-	if (confGet(confStorePath(store), key, buf) == 0) {
-		*value = json_tokener_parse((const char *)EVBUFFER_DATA(buf));
-		ret = *value != NULL ? 0 : CONF_BAD_JSON;
-	}
-	evbuffer_free(buf);
-	return ret;
+	return static_cast<hx::conf::Store>(store);
 }
 
-int
-confGetString(enum conf_store store, const char *key, char *buf, size_t size)
+int confGetJson(enum conf_store store, const char *key, struct json_object **value)
 {
-	struct json_object *value;
-	int ret = confGetJson(store, key, &value);
-
-	if (ret == 0)
-		strlcpy(buf, json_object_get_string(value), size);
-	json_object_put(value);
-	return ret;
+	auto parsed = hx::conf::json(store_of(store), key);
+	*value = parsed ? parsed->release() : nullptr;
+	if (parsed)
+		return 0;
+	return parsed.error() == hx::conf::Error::missing ? CONF_MISSING : CONF_BAD_JSON;
 }
 
-int
-confSetf(enum conf_store store, const char *key, const char *format, ...)
+int confGetString(enum conf_store store, const char *key, char *buf, size_t size)
+{
+	auto text = hx::conf::text(store_of(store), key);
+	if (text)
+		strlcpy(buf, text->c_str(), size);
+	if (text)
+		return 0;
+	return text.error() == hx::conf::Error::missing ? CONF_MISSING : CONF_BAD_JSON;
+}
+
+int confSetf(enum conf_store store, const char *key, const char *format, ...)
 {
 	va_list args;
-	char *text;
-	int ret;
-
 	va_start(args, format);
-	ret = vasprintf(&text, format, args);
+	std::string text = hx::vformat(format, args);
 	va_end(args);
-	if (ret < 0)
-		return -1;
-	ret = confSetText(confStorePath(store), key, text);
-	free(text);
-	return ret;
+	return hx::conf::set(store_of(store), key, text);
 }

@@ -1,5 +1,5 @@
-/* Store values read back as JSON and written from C text: the shapes that
- * the service Parts use over the store layer of Part 3.1. */
+// Transitional: the C-style JSON readers over the stores, removed once no
+// caller uses them (conf/store.h has their replacements).
 #ifndef HX_CONF_CONFJSON_H
 #define HX_CONF_CONFJSON_H
 

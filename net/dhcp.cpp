@@ -9,7 +9,7 @@
 
 #include "conf/confjson.h"
 #include "core/util.h"
-#include "ipc/registry.h"
+#include "ipc/target.h"
 #include "net/net.h"
 
 #define DNSMASQ_CONF  "/var/tmp/dnsmasq.conf"
@@ -277,25 +277,18 @@ dhcp_restart(void)
 	return dhcp_start();
 }
 
-const char *
-_revalidate_dhcp(struct json_object *value, struct json_object *reply_arguments,
-		 void *deferred)
-{
-	const char *error = ipc_target_check(value, "invalid arguments");
-	const char *name;
+namespace {
+constexpr hx::ipc::Action dhcp_actions[] = {
+	{"start", hx::ipc::run<dhcp_restart>},
+	{"restart", hx::ipc::run<dhcp_restart>},
+	{"stop", hx::ipc::run<dhcp_stop>},
+};
+}  // namespace
 
-	(void)reply_arguments;
-	(void)deferred;
-	if (error != NULL)
-		return error;
-	name = ipc_target_action(value);
-	if (name == NULL)
-		return NULL;
-	if (strcmp(name, "start") == 0 || strcmp(name, "restart") == 0)
-		dhcp_restart();
-	else if (strcmp(name, "stop") == 0)
-		dhcp_stop();
-	return NULL;
+const char *
+_revalidate_dhcp(struct json_object *value, struct json_object *, void *)
+{
+	return hx::ipc::run_target(value, {dhcp_actions});
 }
 
 int

@@ -1,0 +1,131 @@
+#include "conf/store.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+#include "core/console.h"
+#include "core/fmt.h"
+
+namespace hx::conf {
+
+namespace {
+
+// gdbm hands out malloc'ed records.
+using Record = Owned<char, free>;
+
+// Stores size bytes of data under key; NULL data (nothing to store) is
+// refused like a record the store refuses.
+int store(const char *path, const char *key, const char *data, size_t size)
+{
+	Db db = open_writer(path);
+	if (!db)
+		return -1;
+	datum value{const_cast<char *>(data), static_cast<int>(size)};
+	if (data == nullptr || gdbm_store(db.get(), key_datum(key), value, GDBM_REPLACE) != 0) {
+		gw_console("_confSet: Item '%s' not inserted. \n", key);
+		return -1;
+	}
+	return 0;
+}
+
+}  // namespace
+
+const char *path(Store store)
+{
+	static constexpr const char *env[] = {"DB_FILE", "RT_DB_FILE", "INFO_DB_FILE"};
+	static constexpr const char *dflt[] = {
+		"/mnt/rwdata/sysconf.gdbm",
+		"/var/run/rtconf.gdbm",
+		"/mnt/rwdata/sysinfo.gdbm",
+	};
+	auto i = static_cast<size_t>(store);
+	const char *p = getenv(env[i]);
+	return p != nullptr ? p : dflt[i];
+}
+
+Db open_reader(const char *path)
+{
+	return Db(gdbm_open(path, 0, GDBM_READER | GDBM_NOMMAP, 0664, nullptr));
+}
+
+Db open_writer(const char *path)
+{
+	return Db(gdbm_open(path, 0, GDBM_WRCREAT | GDBM_NOMMAP, 0664, nullptr));
+}
+
+std::optional<std::string> get(const char *path, const char *key)
+{
+	Db db = open_reader(path);
+	if (!db)
+		return std::nullopt;
+	datum value = gdbm_fetch(db.get(), key_datum(key));
+	Record owner(value.dptr);
+	if (value.dptr == nullptr || value.dsize <= 0 || value.dptr[0] == '\0')
+		return std::nullopt;
+	return std::string(value.dptr, strnlen(value.dptr, static_cast<size_t>(value.dsize)));
+}
+
+std::optional<std::string> get(Store s, const char *key)
+{
+	return get(path(s), key);
+}
+
+int set(const char *path, const char *key, std::string_view text)
+{
+	std::string data(text);
+	return store(path, key, data.c_str(), data.size() + 1);
+}
+
+int set(Store s, const char *key, std::string_view text)
+{
+	return set(path(s), key, text);
+}
+
+int setf(Store s, const char *key, const char *format, ...)
+{
+	va_list args;
+	va_start(args, format);
+	std::string text = vformat(format, args);
+	va_end(args);
+	return set(s, key, text);
+}
+
+int set_bytes(const char *path, const char *key, const std::string *bytes)
+{
+	return bytes != nullptr ? store(path, key, bytes->data(), bytes->size())
+				: store(path, key, nullptr, 0);
+}
+
+int set_bytes(Store s, const char *key, const std::string *bytes)
+{
+	return set_bytes(path(s), key, bytes);
+}
+
+tl::expected<json::Ptr, Error> json(Store s, const char *key)
+{
+	std::optional<std::string> value = get(s, key);
+	if (!value)
+		return tl::unexpected(Error::missing);
+	json::Ptr parsed = json::parse(value->c_str());
+	if (!parsed)
+		return tl::unexpected(Error::bad_json);
+	return parsed;
+}
+
+tl::expected<std::string, Error> text(Store s, const char *key)
+{
+	return json(s, key).map([](const json::Ptr &value) { return std::string(json::text(value.get())); });
+}
+
+std::optional<std::string> file_text(Store s, const char *key, bool missing_empty)
+{
+	tl::expected<std::string, Error> value = text(s, key);
+	if (!value)
+		return missing_empty && value.error() == Error::missing ? std::optional<std::string>("")
+									: std::nullopt;
+	if (value->find('\n') != std::string::npos)
+		return std::nullopt;
+	return std::move(*value);
+}
+
+}  // namespace hx::conf
