@@ -10,7 +10,8 @@
 #include "conf/confjson.h"
 #include "core/util.h"
 #include "ipc/target.h"
-#include "net/net.h"
+#include "net/lanwan.h"
+#include "net/dhcp.h"
 
 #define DNSMASQ_CONF  "/var/tmp/dnsmasq.conf"
 #define DNSMASQ_HOSTS "/var/tmp/hosts"

@@ -49,6 +49,14 @@ void scan_link_line(const char *line, struct scan_link *link);
 /* The N of a "Channel = N" line of "uaputl.exe sys_config", else 0. */
 int scan_sys_config_channel(const char *line);
 
+/* TDLS peer links.  The handler of
+ * the "TDLS" supplicant events. */
+void wpa_tdls_event_handler(const char *event, const char *arg, void *slot);
+/* Sends "TDLS_SETUP <peer>" to the supplicant; -1 (refused) while a TDLS
+ * link is being set up or when the request fails, else 0. */
+int wifi_sta_tdls_setup(const char *peer);
+
+
 /* Items */
 const char *info_s_aplist(struct json_object *name, struct json_object *infos, void *context);
 const char *info_s_scanap(struct json_object *name, struct json_object *infos, void *context);
