@@ -4,6 +4,7 @@
 
 #include "wifi/ap.h"
 #include "wifi/profiles.h"
+#include "wifi/scan.h"
 #include "wifi/sta.h"
 #include "wifi/wpacli.h"
 
