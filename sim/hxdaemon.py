@@ -46,7 +46,7 @@ def wait_until(cond, timeout, step=0.01):
 
 
 def detaches(args):
-    """Whether hxsrvd ARGS forks into the background (spec Part 1.1: -d and
+    """Whether hxsrvd ARGS forks into the background (-d and
     -f keep it in the foreground, -h only prints usage)."""
     for a in args:
         if a in ("--foreground", "--debug", "--help") or (

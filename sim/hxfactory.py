@@ -1,5 +1,5 @@
 """Factory-default stores: sim/factory/*.json and the text json-c gives
-their values (DESIGN.md section 2: json_object_to_json_string)."""
+their values (json_object_to_json_string)."""
 import json
 import os
 

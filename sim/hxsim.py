@@ -1,6 +1,6 @@
-"""The device sandbox (DESIGN.md section 5).
+"""The device sandbox.
 
-Runs hxsrvd and the device's stub programs with the exact paths of spec.md, in
+Runs hxsrvd and the device's stub programs with the device's exact paths, in
 private mount, net, pid, uts and ipc namespaces, on an overlay of the host's
 root whose upper layer is a tmpfs that exists only inside the mount namespace.
 CAP_SYS_TIME, CAP_SYS_BOOT (and a few more, DROP_CAPS) are dropped from the
@@ -549,7 +549,7 @@ class Sandbox:
 
     def _read(self, store, fn):
         """fn(db) on the store opened without gdbm's lock ("u"): a reader's
-        lock would make a daemon's write that meets it fail (Part 3.1), so a
+        lock would make a daemon's write that meets it fail, so a
         test polling a store could lose the very write it waits for.  A read
         that meets a write half-way is retried."""
         deadline = time.monotonic() + 5

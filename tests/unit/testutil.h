@@ -1,6 +1,6 @@
 /* Shared helpers of the unit tests: temporary stores, capture of standard
  * output and standard error, capture of replies, and scenarios run in a
- * forked child (the key index of Part 3.1 is process-wide and built once).
+ * forked child (the key index of the persistent store is process-wide and built once).
  *
  * None of these helpers uses cmocka: they work the same in a forked child,
  * where a cmocka assertion must not be used (it would jump back into the
@@ -79,7 +79,7 @@ struct tu_replies {
 	char text[TU_REPLIES_MAX][TU_REPLY_SIZE];
 };
 
-/* A reply function of Part 2.1: client must point to a struct tu_replies;
+/* A reply function of the request layer: client must point to a struct tu_replies;
  * records json_object_to_json_string(reply). */
 void tu_reply_capture(struct json_object *reply, void *client);
 
