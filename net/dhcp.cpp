@@ -118,7 +118,8 @@ bool put_conf(FILE *file)
 int write_hosts()
 {
 	std::optional<std::string> ip = conf::file_text(Store::sysconf, "lan_ipaddr");
-	std::optional<std::string> model = ip ? conf::file_text(Store::sysinfo, "product_model") : std::nullopt;
+	std::optional<std::string> model =
+		ip ? conf::file_text(Store::sysinfo, "product_model") : std::nullopt;
 	FilePtr file = model ? open_file(hosts_file, "w") : nullptr;
 	if (!file)
 		return -1;

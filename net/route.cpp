@@ -8,6 +8,7 @@
 #include <string.h>
 #include <time.h>
 
+#include <algorithm>
 #include <string>
 
 #include "conf/store.h"
@@ -23,16 +24,12 @@ namespace json = hx::json;
 
 constexpr char internal_error[] = "internal error";
 
-struct Interfaces {
-	std::string wan, lan;
-};
-
 // What the actions of "staticroute" work on: the stored routes and the
 // interface names, read and checked before the action is looked up.  Set
 // for the length of one call, on the event-loop thread.
 struct Commit {
 	json_object *routes;
-	const Interfaces *ifs;
+	std::string wan, lan;
 } commit;
 
 // A run-time interface name; it must fit a 16-byte field.
@@ -71,9 +68,9 @@ std::optional<std::string> route_command(json_object *route, const char *verb)
 		add("gw ", gw, " ");
 	add("metric ", member_text(route, "metric"), " ");
 	if (strcmp(inf, "LAN") == 0)
-		add("dev ", commit.ifs->lan.c_str(), "");
+		add("dev ", commit.lan.c_str(), "");
 	else if (strcmp(inf, "WAN") == 0)
-		add("dev ", commit.ifs->wan.c_str(), "");
+		add("dev ", commit.wan.c_str(), "");
 	if (!safe || command.size() > 255)
 		return std::nullopt;
 	return command;
@@ -141,16 +138,12 @@ constexpr hx::ipc::Action route_actions[] = {
 	{"commitdelete", commit_delete},
 };
 
-long clamp_long(int64_t n)
-{
-	return n > LONG_MAX ? LONG_MAX : n < LONG_MIN ? LONG_MIN : static_cast<long>(n);
-}
-
 const char *set_datetime(json_object *value)
 {
 	json_object *when = json::member(value, "time");
 	if (when != nullptr && json_object_get_int64(when) != 0)
-		setSystime(clamp_long(json_object_get_int64(when)));
+		setSystime(static_cast<long>(
+			std::clamp<int64_t>(json_object_get_int64(when), LONG_MIN, LONG_MAX)));
 	// The stored sign is POSIX's, the opposite of the user's offset.
 	if (json_object *zone = json::member(value, "timezone"))
 		hx::conf::setf(Store::sysconf, "timezone", "\"GMT%+lld\"",
@@ -196,8 +189,7 @@ const char *_revalidate_staticRoute(json_object *value, json_object *, void *)
 		puts("Unexpected json type.");
 		return internal_error;
 	}
-	Interfaces ifs{std::move(*wan), std::move(*lan)};
-	commit = {routes->get(), &ifs};
+	commit = {routes->get(), std::move(*wan), std::move(*lan)};
 	const char *result = hx::ipc::run_target(value, {route_actions});
 	commit = {};
 	return result;

@@ -57,15 +57,6 @@ int drive_read(const std::string &path, Drive &drive)
 	return 1;
 }
 
-int drive_write(const std::string &path, const Drive &drive)
-{
-	File file(fopen(path.c_str(), "w"));
-	if (!file)
-		return -1;
-	bool ok = fprintf(file.get(), "%d\n%d\n%s\n", drive.state, drive.tries, drive.password) > 0;
-	return fclose(file.release()) == 0 && ok ? 0 : -1;
-}
-
 }  // namespace
 
 extern "C" int disk_probe(const char *disk_name)
@@ -89,5 +80,8 @@ extern "C" int disk_unlock(const char *disk_name, const char *password)
 		drive.tries = 0;
 		drive.state = 2;
 	}
-	return drive_write(*path, drive) == 0 ? drive.state : -1;
+	File file(fopen(path->c_str(), "w"));
+	bool written = file && fprintf(file.get(), "%d\n%d\n%s\n", drive.state, drive.tries,
+				       drive.password) > 0;
+	return file && fclose(file.release()) == 0 && written ? drive.state : -1;
 }

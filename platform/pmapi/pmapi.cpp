@@ -27,18 +27,6 @@ struct Socket {
 	}
 };
 
-// The controller's connection, with the time-out on both directions.
-bool connect_controller(const Socket &s)
-{
-	timeval tv{PMC_TIMEOUT_MS / 1000, (PMC_TIMEOUT_MS % 1000) * 1000};
-	sockaddr_un addr{};
-	addr.sun_family = AF_UNIX;
-	memcpy(addr.sun_path, PMC_SOCKET_PATH, sizeof(PMC_SOCKET_PATH));
-	return s.fd >= 0 && setsockopt(s.fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv)) == 0 &&
-	       setsockopt(s.fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv)) == 0 &&
-	       connect(s.fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) == 0;
-}
-
 bool send_all(int fd, std::string_view text)
 {
 	while (!text.empty()) {
@@ -52,14 +40,25 @@ bool send_all(int fd, std::string_view text)
 	return true;
 }
 
-// The reply line without its newline; nullopt when the controller closes,
-// times out or sends a line of 63 characters or more.
-std::optional<std::string> read_line(int fd)
+// One request line and the reply line without its newline; nullopt when no
+// controller answers in time, it closes, or its line has 63 characters or
+// more.
+std::optional<std::string> exchange(std::string_view request)
 {
+	Socket s;
+	timeval tv{PMC_TIMEOUT_MS / 1000, (PMC_TIMEOUT_MS % 1000) * 1000};
+	sockaddr_un addr{};
+	addr.sun_family = AF_UNIX;
+	memcpy(addr.sun_path, PMC_SOCKET_PATH, sizeof(PMC_SOCKET_PATH));
+	if (s.fd < 0 || setsockopt(s.fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv)) != 0 ||
+	    setsockopt(s.fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv)) != 0 ||
+	    connect(s.fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0 ||
+	    !send_all(s.fd, request))
+		return std::nullopt;
 	std::string line;
+	char c;
 	while (line.size() < 63) {
-		char c;
-		ssize_t n = recv(fd, &c, 1, 0);
+		ssize_t n = recv(s.fd, &c, 1, 0);
 		if (n < 0 && errno == EINTR)
 			continue;
 		if (n <= 0)
@@ -69,14 +68,6 @@ std::optional<std::string> read_line(int fd)
 		line += c;
 	}
 	return std::nullopt;
-}
-
-std::optional<std::string> exchange(std::string_view request)
-{
-	Socket s;
-	if (!connect_controller(s) || !send_all(s.fd, request))
-		return std::nullopt;
-	return read_line(s.fd);
 }
 
 int request_ok(const std::string &request)
