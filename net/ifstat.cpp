@@ -1,107 +1,91 @@
-/* Interface statistics: the interface record of Parts 2.5 and 4.2. */
+// Interface statistics: link address, MTU, IPv4 address and netmask.
+#include "net/ifstat.h"
+
 #include <arpa/inet.h>
 #include <errno.h>
 #include <net/if.h>
-#include <netinet/in.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include "core/util.h"
-#include "net/net.h"
+#include <string_view>
 
-#define PROC_NET_DEV "/proc/net/dev"
+#include "core/owned.h"
 
-/* 1 when "/proc/net/dev" has a line for ifname ("  name: counters"). */
-static int
-if_listed(const char *ifname)
+namespace {
+
+// Whether "/proc/net/dev" has a line "  NAME: counters".
+bool listed(std::string_view ifname)
 {
+	hx::FilePtr file = hx::open_file("/proc/net/dev", "r");
 	char line[512];
-	size_t len = strlen(ifname);
-	int found = 0;
-	FILE *fp = fopen(PROC_NET_DEV, "r");
-
-	if (fp == NULL)
-		return 0;
-	while (!found && fgets(line, sizeof(line), fp) != NULL) {
-		const char *name = line + strspn(line, " ");
-
-		found = strncmp(name, ifname, len) == 0 && name[len] == ':';
+	while (file && fgets(line, sizeof(line), file.get()) != nullptr) {
+		std::string_view name(line + strspn(line, " "));
+		if (name.starts_with(ifname) && name.substr(ifname.size()).starts_with(':'))
+			return true;
 	}
-	fclose(fp);
-	return found;
+	return false;
 }
 
-static int
-if_ioctl(int fd, unsigned long request, const char *ifname, struct ifreq *ifr)
+// One SIOCGIF* request for the interface; ifr holds its answer.
+bool query(int fd, unsigned long request, const char *ifname, ifreq &ifr)
 {
-	memset(ifr, 0, sizeof(*ifr));
-	strlcpy(ifr->ifr_name, ifname, sizeof(ifr->ifr_name));
-	return ioctl(fd, request, ifr);
+	ifr = {};
+	memcpy(ifr.ifr_name, ifname, strnlen(ifname, IFNAMSIZ - 1));
+	return ioctl(fd, request, &ifr) == 0;
 }
 
-/* The IPv4 address in ifr_addr (also where the netmask is returned) as a
- * dotted quad into text[16]. */
-static void
-if_addr_text(const struct ifreq *ifr, char text[16])
+// The IPv4 address in ifr_addr (where the netmask comes back too).
+void address_text(const ifreq &ifr, char text[16])
 {
-	struct sockaddr_in sin;
-
-	memcpy(&sin, &ifr->ifr_addr, sizeof(sin));
-	if (inet_ntop(AF_INET, &sin.sin_addr, text, 16) == NULL)
+	sockaddr_in sin;
+	memcpy(&sin, &ifr.ifr_addr, sizeof(sin));
+	if (inet_ntop(AF_INET, &sin.sin_addr, text, 16) == nullptr)
 		text[0] = '\0';
 }
 
-/* Address and netmask; an interface without an IPv4 address is no error. */
-static int
-if_fetch_ipv4(int fd, const char *ifname, struct if_record *rec)
+bool fetch_link(int fd, const char *ifname, if_record *rec)
 {
-	struct ifreq ifr;
-
-	if (if_ioctl(fd, SIOCGIFADDR, ifname, &ifr) != 0)
-		return errno == EADDRNOTAVAIL ? 0 : -1;
-	if_addr_text(&ifr, rec->ip);
-	rec->has_ipv4 = 1;
-	if (if_ioctl(fd, SIOCGIFNETMASK, ifname, &ifr) != 0)
-		return -1;
-	if_addr_text(&ifr, rec->netmask);
-	return 0;
-}
-
-static int
-if_fetch_link(int fd, const char *ifname, struct if_record *rec)
-{
-	struct ifreq ifr;
-
-	if (if_ioctl(fd, SIOCGIFHWADDR, ifname, &ifr) != 0)
-		return -1;
+	ifreq ifr;
+	if (!query(fd, SIOCGIFHWADDR, ifname, ifr))
+		return false;
 	memcpy(rec->mac, ifr.ifr_hwaddr.sa_data, sizeof(rec->mac));
-	if (if_ioctl(fd, SIOCGIFMTU, ifname, &ifr) != 0)
-		return -1;
+	if (!query(fd, SIOCGIFMTU, ifname, ifr))
+		return false;
 	rec->mtu = ifr.ifr_mtu;
-	return 0;
+	return true;
 }
 
-int
-if_fetch(const char *ifname, struct if_record *rec)
+// An interface without an IPv4 address is no error.
+bool fetch_ipv4(int fd, const char *ifname, if_record *rec)
 {
-	int fd, ret;
+	ifreq ifr;
+	if (!query(fd, SIOCGIFADDR, ifname, ifr))
+		return errno == EADDRNOTAVAIL;
+	address_text(ifr, rec->ip);
+	rec->has_ipv4 = 1;
+	if (!query(fd, SIOCGIFNETMASK, ifname, ifr))
+		return false;
+	address_text(ifr, rec->netmask);
+	return true;
+}
 
-	memset(rec, 0, sizeof(*rec));
-	if (ifname == NULL || strnlen(ifname, IFNAMSIZ) >= IFNAMSIZ) {
+}  // namespace
+
+int if_fetch(const char *ifname, if_record *rec)
+{
+	*rec = {};
+	if (ifname == nullptr || strnlen(ifname, IFNAMSIZ) >= IFNAMSIZ) {
 		errno = EINVAL;
 		return -1;
 	}
-	if (!if_listed(ifname)) {
+	if (!listed(ifname)) {
 		errno = ENODEV;
 		return -1;
 	}
-	fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-	if (fd < 0)
+	hx::UniqueFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+	if (!fd)
 		return -1;
-	ret = if_fetch_link(fd, ifname, rec) == 0 && if_fetch_ipv4(fd, ifname, rec) == 0 ? 0 : -1;
-	close(fd);
-	return ret;
+	return fetch_link(fd.get(), ifname, rec) && fetch_ipv4(fd.get(), ifname, rec) ? 0 : -1;
 }

@@ -2,17 +2,17 @@
 #ifndef HX_NET_IFSTAT_H
 #define HX_NET_IFSTAT_H
 
-struct json_object;
-
 struct if_record {
 	unsigned char mac[6];
-	char ip[16];		/* dotted quad, "" without an IPv4 address */
+	char ip[16];		// dotted quad, "" without an IPv4 address
 	char netmask[16];
 	int mtu;
-	int has_ipv4;		/* 1 when the interface holds an IPv4 address */
+	int has_ipv4;		// 1 when the interface holds an IPv4 address
 };
-/* Fills *rec (zeroed first) for the interface ifname: 0, or -1 when the
- * interface does not exist or cannot be read. */
-int if_fetch(const char *ifname, struct if_record *rec);
+
+// Fills *rec (zeroed first) for the interface ifname: 0, or -1 with errno
+// when the interface does not exist (ENODEV), its name is too long
+// (EINVAL) or it cannot be read.
+int if_fetch(const char *ifname, if_record *rec);
 
 #endif

@@ -4,13 +4,15 @@
 
 struct json_object;
 
-extern long dtime;	/* forward clock jump of the last "datetime" set, >= 172801 s */
+// Forward jump of the clock at the last "datetime" set, recorded only from
+// 172801 s on; 0 until then.
+extern long dtime;
 int setSystime(long seconds);
-int fw_start(void);
-int fw_stop(void);
-int fw_restart(void);
-const char *_revalidate_staticRoute(struct json_object *value, struct json_object *reply_arguments, void *deferred);
-const char *_revalidate_datetime(struct json_object *value, struct json_object *reply_arguments, void *deferred);
-const char *_revalidate_firewall(struct json_object *value, struct json_object *reply_arguments, void *deferred);
+int fw_start();
+int fw_stop();
+int fw_restart();
+const char *_revalidate_staticRoute(json_object *value, json_object *reply_arguments, void *deferred);
+const char *_revalidate_datetime(json_object *value, json_object *reply_arguments, void *deferred);
+const char *_revalidate_firewall(json_object *value, json_object *reply_arguments, void *deferred);
 
 #endif

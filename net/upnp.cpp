@@ -1,134 +1,104 @@
-/* Part 4.3: UPnP port-mapping service (miniupnpd). */
+// The UPnP port-mapping service: miniupnpd's configuration file, its start,
+// and its stop with the flush of the two chains that hold its mappings.
+#include "net/upnp.h"
+
 #include <stdio.h>
-#include <string.h>
 #include <unistd.h>
 
-#include <json-c/json.h>
-
-#include "conf/confjson.h"
 #include "core/util.h"
-#include "ipc/registry.h"
-#include "net/net.h"
+#include "ipc/target.h"
+#include "net/conffile.h"
 
-#define UPNP_CONF   "/var/tmp/miniupnpd.conf"
-#define UPNP_LEASES "/var/tmp/upnp.leases"
-#define UPNP_PID    "/var/run/miniupnpd.pid"
-#define UPNP_START  "/usr/sbin/miniupnpd -f " UPNP_CONF
+namespace {
 
-/* Writes the line prefix + the string form of key's value: 0, or -1 when the
- * key is missing, does not parse, or holds a newline, which would add a line
- * to the file (DESIGN.md section 8). */
-static int
-upnp_put_value(FILE *f, const char *prefix, enum conf_store store, const char *key)
+using hx::conf::Store;
+
+constexpr char conf_file[] = "/var/tmp/miniupnpd.conf";
+constexpr char leases_file[] = "/var/tmp/upnp.leases";
+constexpr char start_command[] = "/usr/sbin/miniupnpd -f /var/tmp/miniupnpd.conf";
+
+constexpr hx::net::Setting head[] = {
+	{Store::rtconf, "ext_ifname=", "wan_if", "\n"},
+	{Store::sysconf, "listening_ip=", "lan_ipaddr", "\n"},
+};
+
+// 1 when the setting is "on", 0 for any other text, -1 when it is missing
+// or does not parse.
+int is_on(const char *key)
 {
-	struct json_object *value;
-	const char *text;
-	int ret = -1;
-
-	if (confGetJson(store, key, &value) != 0)
-		return -1;
-	text = json_object_get_string(value);
-	if (strchr(text, '\n') == NULL && fprintf(f, "%s%s\n", prefix, text) >= 0)
-		ret = 0;
-	json_object_put(value);
-	return ret;
+	auto text = hx::conf::text(Store::sysconf, key);
+	return text ? *text == "on" : -1;
 }
 
-/* 1 when key holds the JSON string "on", 0 when it holds something else,
- * -1 when it is missing or does not parse. */
-static int
-upnp_is_on(const char *key)
+bool put_conf(FILE *file)
 {
-	char text[4];
-
-	if (confGetString(CONF_SYSCONF, key, text, sizeof(text)) != 0)
-		return -1;
-	return strcmp(text, "on") == 0;
-}
-
-static int
-upnp_write(FILE *f)
-{
-	int natpmp;
-
-	if (upnp_put_value(f, "ext_ifname=", CONF_RTCONF, "wan_if") != 0 ||
-	    upnp_put_value(f, "listening_ip=", CONF_SYSCONF, "lan_ipaddr") != 0)
-		return -1;
-	fputs("enable_upnp=yes\n", f);
-	natpmp = upnp_is_on("upnp_natpmp");
+	if (!hx::net::put_settings(file, head))
+		return false;
+	fputs("enable_upnp=yes\n", file);
+	int natpmp = is_on("upnp_natpmp");
 	if (natpmp < 0)
-		return -1;
-	fputs(natpmp ? "enable_natpmp=yes\n" : "enable_natpmp=no\n", f);
+		return false;
+	fputs(natpmp != 0 ? "enable_natpmp=yes\n" : "enable_natpmp=no\n", file);
 	fputs("secure_mode=yes\n"
 	      "upnp_forward_chain=UPNP_FORWARD_CHAIN\n"
 	      "upnp_nat_chain=UPNP_NAT_PREROUTING_CHAIN\n"
 	      "system_uptime=yes\n"
-	      "lease_file=" UPNP_LEASES "\n", f);
-	return 0;
+	      "lease_file=/var/tmp/upnp.leases\n", file);
+	return true;
 }
 
-int
-upnp_renewConf(void)
+void announce(const char *action)
 {
-	FILE *f = fopen(UPNP_CONF, "w");
-	int ret;
+	printf("action:%s\n", action);
+	puts("revalidate_setUpnp");
+}
 
-	if (f == NULL)
+// No "stop": the service stops on a restart with "upnp" off.
+constexpr hx::ipc::Action upnp_actions[] = {
+	{"start", hx::ipc::run<upnp_restart>},
+	{"restart", hx::ipc::run<upnp_restart>},
+};
+
+}  // namespace
+
+int upnp_renewConf()
+{
+	hx::FilePtr file = hx::open_file(conf_file, "w");
+	if (!file)
 		return -1;
-	ret = upnp_write(f);
-	if (fclose(f) != 0)
-		ret = -1;
-	return ret;
+	bool written = put_conf(file.get());
+	return hx::close_file(std::move(file)) && written ? 0 : -1;
 }
 
-int
-upnp_start(void)
+int upnp_start()
 {
-	int on = upnp_is_on("upnp");
-
+	int on = is_on("upnp");
 	if (on <= 0)
 		return on;
 	if (upnp_renewConf() != 0)
 		return -1;
-	puts(UPNP_START);
-	do_system(UPNP_START);
+	puts(start_command);
+	do_system(start_command);
 	return 0;
 }
 
-int
-upnp_stop(void)
+int upnp_stop()
 {
 	do_system("/usr/bin/killall miniupnpd");
-	unlink(UPNP_PID);
+	unlink("/var/run/miniupnpd.pid");
 	do_system("/opt/sbin/iptables -t nat -F UPNP_NAT_PREROUTING_CHAIN");
 	do_system("/opt/sbin/iptables -F UPNP_FORWARD_CHAIN");
-	unlink(UPNP_LEASES);
+	unlink(leases_file);
 	return 0;
 }
 
-int
-upnp_restart(void)
+int upnp_restart()
 {
 	upnp_stop();
 	return upnp_start();
 }
 
-const char *
-_revalidate_upnp(struct json_object *value, struct json_object *reply_arguments, void *deferred)
+const char *_revalidate_upnp(json_object *value, json_object *, void *)
 {
-	const char *name, *error;
-
-	(void)reply_arguments;
-	(void)deferred;
-	error = ipc_target_check(value, "invalid arguments");
-	if (error != NULL)
-		return error;
-	name = json_object_get_string(json_object_object_get(value, "action"));
-	if (name == NULL)
-		return NULL;
-	printf("action:%s\n", name);
-	puts("revalidate_setUpnp");
-	if (strcmp(name, "start") == 0 || strcmp(name, "restart") == 0)
-		upnp_restart();
-	return NULL;
+	return hx::ipc::run_target(value, {.actions = upnp_actions, .announce = announce});
 }

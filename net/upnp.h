@@ -4,10 +4,10 @@
 
 struct json_object;
 
-int upnp_renewConf(void);
-int upnp_start(void);
-int upnp_stop(void);
-int upnp_restart(void);
-const char *_revalidate_upnp(struct json_object *value, struct json_object *reply_arguments, void *deferred);
+int upnp_renewConf();
+int upnp_start();
+int upnp_stop();
+int upnp_restart();
+const char *_revalidate_upnp(json_object *value, json_object *reply_arguments, void *deferred);
 
 #endif

@@ -1,224 +1,186 @@
-/* Part 8.1: power management and battery. */
-#include <errno.h>
-#include <limits.h>
-#include <stdint.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
-#include <strings.h>
-#include <sys/wait.h>
-
-#include <json-c/json.h>
-#include <pmApi.h>
-
-#include "conf/confjson.h"
-#include "core/util.h"
-#include "ipc/info_parse.h"
-#include "ipc/registry.h"
+// Power management: the controller's messages and status through its
+// library, the battery gauge, and the charger test script.
 #include "pm/pm.h"
 
-#define PM_MSG_AUTO_WAKEUP   21
-#define PM_MSG_SLEEP_TIMEOUT 22
-#define PM_MSG_SLEEP_NOW     23
+#include <errno.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/wait.h>
 
-#define BATTERY_CAPACITY "/sys/class/power_supply/sp2566-0/capacity"
-#define BATTERY_STATUS   "/sys/class/power_supply/sp2566-0/status"
-#define CHARGER_TEST     "/etc/app/gw_check_charger.sh"
+#include <pmApi.h>
 
-#define INVALID_ITEM   "Invalid arguments."
-#define INVALID_TARGET "Invalid argument."
+#include <string_view>
 
-static int
-pm_report(int ret, const char *success, const char *fail)
+#include "conf/store.h"
+#include "core/fmt.h"
+#include "core/util.h"
+#include "ipc/info_parse.h"
+#include "ipc/target.h"
+
+namespace {
+
+namespace json = hx::json;
+
+constexpr char invalid_item[] = "Invalid arguments.";
+constexpr char invalid_target[] = "Invalid argument.";
+
+// Prints "WHAT success" or "WHAT fail": 0, or -1 when the controller did
+// not accept.
+int report(int sent, const char *what)
 {
-	puts(ret == 0 ? success : fail);
-	return ret == 0 ? 0 : -1;
+	printf("%s %s\n", what, sent == 0 ? "success" : "fail");
+	return sent == 0 ? 0 : -1;
 }
 
-int
-pm_process_action(const char *action)
+int send_wakeup()
 {
-	int32_t param = -1;
-
-	if (action == NULL)
-		return -1;
-	if (strcmp(action, "wakeup") == 0)
-		return pm_report(pmc_ipc_send_message(PM_MSG_AUTO_WAKEUP),
-				 "send auto_wakeup command success",
-				 "send auto_wakeup command fail");
-	if (strcmp(action, "sleep") == 0)
-		return pm_report(pmc_ipc_send_message_with_param(PM_MSG_SLEEP_NOW, &param),
-				 "send immediate sleep command success",
-				 "send immediate sleep command fail");
-	return -1;
+	return report(pmc_ipc_send_message(21), "send auto_wakeup command");
 }
 
-/* Sends the stored time-out: -1 when the key is missing or does not parse,
- * else 0 with *refused set when the controller did not accept it. */
-static int
-pm_send_sleep_timeout(int *refused)
+int send_sleep()
 {
-	char text[64];
-	int32_t timeout;
-	int ret = confGetString(CONF_SYSCONF, "sleep_timeout", text, sizeof(text));
-
-	if (ret == CONF_BAD_JSON)
-		puts("Failed to parse message data");
-	if (ret != 0)
-		return -1;
-	timeout = gw_atoi(text);
-	*refused = pmc_ipc_send_message_with_param(PM_MSG_SLEEP_TIMEOUT, &timeout) != 0;
-	pm_report(*refused, "set sleep_timeout success", "set sleep_timeout fail");
-	return 0;
+	int32_t now = -1;
+	return report(pmc_ipc_send_message_with_param(23, &now), "send immediate sleep command");
 }
 
-int
-pm_set_sleep_timeout(void)
+// Sends the stored time-out; whether the controller accepted it, or
+// nullopt when the key is missing or does not parse.
+std::optional<bool> send_sleep_timeout()
 {
-	int refused = 1;
-
-	if (pm_send_sleep_timeout(&refused) != 0)
-		return -1;
-	return refused ? -1 : 0;
+	auto text = hx::conf::text(hx::conf::Store::sysconf, "sleep_timeout");
+	if (!text) {
+		if (text.error() == hx::conf::Error::bad_json)
+			puts("Failed to parse message data");
+		return std::nullopt;
+	}
+	int32_t timeout = gw_atoi(text->c_str());
+	return report(pmc_ipc_send_message_with_param(22, &timeout), "set sleep_timeout") == 0;
 }
 
-int
-set_sleeptimeout(void)
+// The first line of a gauge file, read with fgets's limit, loses its last
+// character whatever it is (the newline of a normal read).
+const char *battery(const char *path, int limit, json_object *name, json_object *infos)
 {
-	int refused;
-
-	return pm_send_sleep_timeout(&refused);
-}
-
-const char *
-info_pmd_status(struct json_object *name, struct json_object *infos, void *context)
-{
-	char text[16] = "";
-	int32_t status;
-
-	(void)context;
 	if (info_args_missing(name, infos))
-		return INVALID_ITEM;
-	if (pmc_get_system_status(&status) == 0)
-		gwutil_snprintf(text, sizeof(text), "%d", (int)status);
-	info_add_string(infos, name, text);
-	return NULL;
-}
-
-const char *
-info_sleep_timeout(struct json_object *name, struct json_object *infos, void *context)
-{
-	struct json_object *value;
-	int ret;
-
-	(void)context;
-	if (info_args_missing(name, infos))
-		return INVALID_ITEM;
-	ret = confGetJson(CONF_SYSCONF, "sleep_timeout", &value);
-	if (ret == CONF_MISSING)
-		return NULL;
-	if (ret != 0)
-		return "ERROR";
-	json_object_object_add(infos, json_object_get_string(name), value);
-	return NULL;
-}
-
-/* The first line of path (fgets with limit size), its last character cut
- * whatever it is, under the item's name. */
-static const char *
-battery_read(const char *path, size_t size, struct json_object *name, struct json_object *infos)
-{
-	char text[32] = "";
-	size_t len;
-	FILE *fp;
-
-	if (info_args_missing(name, infos))
-		return INVALID_ITEM;
-	fp = fopen(path, "r");
-	if (fp == NULL) {
+		return invalid_item;
+	hx::FilePtr file = hx::open_file(path, "r");
+	if (!file) {
 		printf("Open %s failed.\n", path);
 		return "ERROR";
 	}
-	if (size > sizeof(text) || fgets(text, (int)size, fp) == NULL)
+	char text[32] = "";
+	if (fgets(text, limit, file.get()) == nullptr)
 		text[0] = '\0';
-	len = strlen(text);
-	if (len > 0)
-		text[len - 1] = '\0';
-	fclose(fp);
-	info_add_string(infos, name, text);
-	return NULL;
+	std::string_view line(text);
+	json::add_string(infos, json::text(name), line.substr(0, line.empty() ? 0 : line.size() - 1));
+	return nullptr;
 }
 
-const char *
-info_bat_cap(struct json_object *name, struct json_object *infos, void *context)
+void announce_wakeup(const char *)
 {
-	(void)context;
-	return battery_read(BATTERY_CAPACITY, 8, name, infos);
-}
-
-const char *
-info_bat_charging(struct json_object *name, struct json_object *infos, void *context)
-{
-	(void)context;
-	return battery_read(BATTERY_STATUS, 32, name, infos);
-}
-
-const char *
-_revalidate_pmd(struct json_object *value, struct json_object *reply_arguments, void *deferred)
-{
-	const char *error = ipc_target_check(value, INVALID_TARGET);
-	const char *action;
-
-	(void)reply_arguments;
-	(void)deferred;
-	if (error != NULL)
-		return error;
-	action = ipc_target_action(value);
-	if (action == NULL)
-		return NULL;
 	puts("revalidate_autowakeup");
-	pm_process_action(action);
-	return NULL;
 }
 
-const char *
-_revalidate_sleepTimeout(struct json_object *value, struct json_object *reply_arguments,
-			 void *deferred)
-{
-	const char *error = ipc_target_check(value, INVALID_TARGET);
-	const char *action;
+constexpr hx::ipc::Action pmd_actions[] = {
+	{"wakeup", hx::ipc::run<send_wakeup>},
+	{"sleep", hx::ipc::run<send_sleep>},
+};
 
-	(void)reply_arguments;
-	(void)deferred;
-	if (error != NULL)
-		return error;
-	action = ipc_target_action(value);
-	if (action == NULL || (strcmp(action, "restart") != 0 && strcmp(action, "start") != 0))
-		return NULL;
+int apply_sleep_timeout()
+{
 	puts("revalidate_setSleepTimeout");
-	pm_set_sleep_timeout();
-	return NULL;
+	return pm_set_sleep_timeout();
 }
 
-const char *
-_revalidate_chargerTest(struct json_object *value, struct json_object *reply_arguments,
-			void *deferred)
-{
-	const char *error = ipc_target_check(value, INVALID_TARGET);
-	const char *action;
-	int status;
+constexpr hx::ipc::Action sleep_timeout_actions[] = {
+	{"restart", hx::ipc::run<apply_sleep_timeout>},
+	{"start", hx::ipc::run<apply_sleep_timeout>},
+};
 
-	(void)reply_arguments;
-	(void)deferred;
-	if (error != NULL)
-		return error;
-	action = ipc_target_action(value);
-	if (action == NULL || (strcasecmp(action, "start") != 0 && strcasecmp(action, "restart") != 0))
-		return "fail";
-	status = do_system(CHARGER_TEST);
-	if (status != -1 && WIFEXITED(status))
-		return WEXITSTATUS(status) == 0 ? NULL : "fail";
+// Judged by the script's exit status; one ended by a signal prints errno
+// as it stands.
+const char *charger_test(json_object *)
+{
+	int status = do_system("/etc/app/gw_check_charger.sh");
+	if (WIFEXITED(status))
+		return WEXITSTATUS(status) == 0 ? nullptr : "fail";
 	puts("charger test error");
 	printf("exit illegal [%d] %s\n", errno, strerror(errno));
 	return "fail";
+}
+
+constexpr hx::ipc::Action charger_actions[] = {
+	{"start", charger_test},
+	{"restart", charger_test},
+};
+
+}  // namespace
+
+int pm_process_action(const char *action)
+{
+	std::string_view word = action != nullptr ? action : "";
+	return word == "wakeup" ? send_wakeup() : word == "sleep" ? send_sleep() : -1;
+}
+
+int pm_set_sleep_timeout()
+{
+	std::optional<bool> accepted = send_sleep_timeout();
+	return accepted && *accepted ? 0 : -1;
+}
+
+int set_sleeptimeout()
+{
+	return send_sleep_timeout() ? 0 : -1;
+}
+
+const char *info_pmd_status(json_object *name, json_object *infos, void *)
+{
+	if (info_args_missing(name, infos))
+		return invalid_item;
+	int32_t status;
+	bool known = pmc_get_system_status(&status) == 0;
+	json::add_string(infos, json::text(name), known ? hx::format("%d", static_cast<int>(status)) : "");
+	return nullptr;
+}
+
+// The stored value is added as the JSON value it is; a missing key adds
+// nothing.
+const char *info_sleep_timeout(json_object *name, json_object *infos, void *)
+{
+	if (info_args_missing(name, infos))
+		return invalid_item;
+	auto value = hx::conf::json(hx::conf::Store::sysconf, "sleep_timeout");
+	if (!value)
+		return value.error() == hx::conf::Error::missing ? nullptr : "ERROR";
+	json::add(infos, json::text(name), std::move(*value));
+	return nullptr;
+}
+
+const char *info_bat_cap(json_object *name, json_object *infos, void *)
+{
+	return battery("/sys/class/power_supply/sp2566-0/capacity", 8, name, infos);
+}
+
+const char *info_bat_charging(json_object *name, json_object *infos, void *)
+{
+	return battery("/sys/class/power_supply/sp2566-0/status", 32, name, infos);
+}
+
+// Any action is announced; the controller's refusal is not the target's.
+const char *_revalidate_pmd(json_object *value, json_object *, void *)
+{
+	return hx::ipc::run_target(value, {pmd_actions, invalid_target, nullptr, false, announce_wakeup});
+}
+
+const char *_revalidate_sleepTimeout(json_object *value, json_object *, void *)
+{
+	return hx::ipc::run_target(value, {sleep_timeout_actions, invalid_target});
+}
+
+// Unlike the other targets, a missing or other action fails, and the
+// words are compared without regard to case.
+const char *_revalidate_chargerTest(json_object *value, json_object *, void *)
+{
+	return hx::ipc::run_target(value, {charger_actions, invalid_target, "fail", true});
 }

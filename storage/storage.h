@@ -1,80 +1,79 @@
-/* Parts 6.1 and 6.2: disk inventory, disk unlock and safe removal. */
+// Disks: the inventory of whole disks and mounted partitions, the status
+// items built from it, and the unlock and safe-removal targets.
 #ifndef HX_STORAGE_STORAGE_H
 #define HX_STORAGE_STORAGE_H
 
 #include <stdint.h>
 
+#include <string>
+
 struct json_object;
 
-#define STORAGE_MAX_DISKS 8
-#define STORAGE_MAX_PARTITIONS 16
-#define STORAGE_CAPACITY_TEXT 10
+constexpr uint32_t STORAGE_MAX_DISKS = 8;
+constexpr uint32_t STORAGE_MAX_PARTITIONS = 16;
 
-typedef struct {
-	uint32_t number;
-	uint64_t capacity;
+// The records have a fixed size, are zero-filled by the caller and filled
+// in place by the gathering functions.
+struct partition_info {
+	uint32_t number;	// the device node's digits (sda1: 1), 0 without; the sort key
+	uint64_t capacity;	// KiB
 	uint64_t used;
 	uint64_t avail;
-	char label[64];
-	char type[16];
-} partition_info;
+	char label[64];		// the mount directory below the share root
+	char type[16];		// from vol_id, or "Unknown"
+};
 
-typedef struct {
+struct disk_info {
 	char name[16];
-	char vendor[60];
-	uint32_t media_type;
-	uint64_t total;
+	char vendor[60];	// vendor and model
+	uint32_t media_type;	// 1 on the fixed USB port
+	uint64_t total;		// KiB
 	uint32_t partition_num;
 	partition_info partition[STORAGE_MAX_PARTITIONS];
-} disk_info;
+};
 
-typedef struct {
+struct disk_list {
 	uint32_t disk_num;
 	disk_info disk[STORAGE_MAX_DISKS];
-} disk_list;
+};
 
-typedef struct {
-	int32_t lock_state;
-	char name[16];
-} disk_probe_entry;
-
-typedef struct {
+struct disk_probe_list {
 	uint32_t disk_num;
-	disk_probe_entry disk[STORAGE_MAX_DISKS];
-} disk_probe_list;
+	struct {
+		int32_t lock_state;	// disk_probe's answer
+		char name[16];
+	} disk[STORAGE_MAX_DISKS];
+};
 
-/* Lock-state names indexed by lock_state + 1 (-1..2). */
-extern const char *const disk_lock_state_names[4];
-/* The name of a lock state, or NULL outside -1..2. */
+// "Error", "Unlocked", "Locked", "Unlocks Exceeded" for -1..2, else NULL.
 const char *disk_lock_state_name(int lock_state);
 
-/* Gathering functions: 0 on success, -1 on failure; records zero-filled
- * by the caller. */
+// The gathering functions: 0, or -1 on failure.
 int get_fstype(const char *device_node, char out_type[16]);
 int get_media_type(const char *disk_name, uint32_t *out_media_type);
 int getDiskProbe(disk_probe_list *list);
 int getSnDiskInfo(disk_info *record);
 int getDiskInfo(disk_info *record, const char *disk_name);
 int getDiskList(disk_list *list);
-int sector_compare(const void *a, const void *b);
+bool sector_compare(const partition_info &a, const partition_info &b);
 void sort_sector_list(disk_info *record);
-/* getDiskInfo step 5: block size divided by 1024 first (truncated). */
-void partition_sizes(partition_info *part, uint64_t bsize, uint64_t blocks,
-		     uint64_t bfree, uint64_t bavail);
-void format_capacity(uint64_t kib, char out_text[STORAGE_CAPACITY_TEXT]);
+// A size in KiB as the display shows it: "1.00G", "1024.0M", "1023K".
+std::string format_capacity(uint64_t kib);
 
-/* Status items (Part 6.1). */
-const char *_info_getSnDiskInfo(struct json_object *name, struct json_object *infos,
-				void *deferred);
-const char *_info_getDiskList(struct json_object *name, struct json_object *infos,
-			      void *deferred);
-const char *_info_getDiskProbe(struct json_object *name, struct json_object *infos,
-			       void *deferred);
+const char *_info_getSnDiskInfo(json_object *name, json_object *infos, void *deferred);
+const char *_info_getDiskList(json_object *name, json_object *infos, void *deferred);
+const char *_info_getDiskProbe(json_object *name, json_object *infos, void *deferred);
 
-/* Targets (Part 6.2). */
-const char *_revalidate_diskUnlock(struct json_object *args, struct json_object *response,
-				   void *deferred);
-const char *_revalidate_safelyRemove(struct json_object *args, struct json_object *response,
-				     void *deferred);
+const char *_revalidate_diskUnlock(json_object *args, json_object *response, void *deferred);
+const char *_revalidate_safelyRemove(json_object *args, json_object *response, void *deferred);
+
+namespace hx::storage {
+
+// A partition's sizes from its file system's block counts.  The block size
+// is divided by 1024 first: blocks under 1 KiB give 0.
+void partition_sizes(partition_info *part, uint64_t bsize, uint64_t blocks, uint64_t bfree,
+		     uint64_t bavail);
+
+}  // namespace hx::storage
 
 #endif

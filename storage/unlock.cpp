@@ -1,83 +1,77 @@
-/* Part 6.2: the targets "disk_unlock" and "safely_remove". */
+// The targets "disk_unlock" (a drive's password to the disk-unlock
+// library) and "safely_remove" (the platform's removal script).
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/wait.h>
 
-#include <json-c/json.h>
+#include <optional>
 
+#include "core/fmt.h"
 #include "core/util.h"
 #include "diskunlock.h"
-#include "ipc/registry.h"
+#include "ipc/target.h"
 #include "storage/storage.h"
 
-#define SAFE_REMOVE "/etc/app/gw_hd_safe_remove.sh"
+namespace {
 
-static int
-unlock_state(struct json_object *args)
+namespace json = hx::json;
+
+// A wrong password is no error of the request: the state tells it.
+int unlock_state(json_object *args)
 {
-	struct json_object *name, *passwd;
-
+	json_object *name, *passwd;
 	if (!json_object_object_get_ex(args, "disk_name", &name) ||
 	    !json_object_object_get_ex(args, "passwd", &passwd)) {
 		puts("disk_unlock parameter name/passwd invalid");
 		return -1;
 	}
-	if (!json_object_is_type(name, json_type_string) ||
-	    !json_object_is_type(passwd, json_type_string)) {
+	if (!json::is(name, json_type_string) || !json::is(passwd, json_type_string)) {
 		puts("disk_unlock parameter name/passwd NULL");
 		return -1;
 	}
-	return disk_unlock(json_object_get_string(name), json_object_get_string(passwd));
+	return disk_unlock(json::text(name), json::text(passwd));
 }
 
-const char *
-_revalidate_diskUnlock(struct json_object *args, struct json_object *response, void *deferred)
+// The disk name reaches the shell unquoted, in a command of 64 bytes.
+std::optional<std::string> remove_command(const char *disk)
 {
-	const char *error, *text;
+	std::string command = hx::format("/etc/app/gw_hd_safe_remove.sh %s", disk);
+	constexpr char safe[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_.-";
+	if (command.size() >= 64 || strspn(disk, safe) != strlen(disk))
+		return std::nullopt;
+	return command;
+}
 
-	(void)deferred;
-	if (args == NULL || response == NULL) {
+}  // namespace
+
+const char *_revalidate_diskUnlock(json_object *args, json_object *response, void *)
+{
+	if (args == nullptr || response == nullptr) {
 		puts("Input parameters are NULL.");
 		return "Invalid arguments.";
 	}
-	error = ipc_target_check(args, "Invalid arguments.");
-	if (error != NULL)
+	if (const char *error = hx::ipc::check_target(args, "Invalid arguments."))
 		return error;
-	text = disk_lock_state_name(unlock_state(args));
-	json_object_object_add(response, "lock_state",
-			       json_object_new_string(text != NULL ? text : "Error"));
-	return NULL;
+	const char *state = disk_lock_state_name(unlock_state(args));
+	json::add_string(response, "lock_state", state != nullptr ? state : "Error");
+	return nullptr;
 }
 
-/* Safety (DESIGN.md section 8): the name reaches the shell unquoted. */
-static int
-disk_name_safe(const char *disk)
+// Judged by the script's exit status; one ended by a signal prints errno
+// as it stands.
+const char *_revalidate_safelyRemove(json_object *args, json_object *, void *)
 {
-	return strspn(disk, "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_.-") ==
-	       strlen(disk);
-}
-
-const char *
-_revalidate_safelyRemove(struct json_object *args, struct json_object *response, void *deferred)
-{
-	struct json_object *disk;
-	char command[64];
-	int n, status;
-
-	(void)response;
-	(void)deferred;
-	if (ipc_target_check(args, "Invalid argument.") != NULL)
-		return "Invalid argument.";
-	if (!json_object_object_get_ex(args, "disk", &disk) ||
-	    !json_object_is_type(disk, json_type_string))
+	if (const char *error = hx::ipc::check_target(args, "Invalid argument."))
+		return error;
+	json_object *disk = json::member(args, "disk");
+	std::optional<std::string> command =
+		json::is(disk, json_type_string) ? remove_command(json::text(disk)) : std::nullopt;
+	if (!command)
 		return "fail";
-	n = snprintf(command, sizeof(command), SAFE_REMOVE " %s", json_object_get_string(disk));
-	if (n < 0 || (size_t)n >= sizeof(command) || !disk_name_safe(json_object_get_string(disk)))
-		return "fail";
-	status = do_system(command);
+	int status = do_system(command->c_str());
 	if (WIFEXITED(status))
-		return WEXITSTATUS(status) == 0 ? NULL : "fail";
+		return WEXITSTATUS(status) == 0 ? nullptr : "fail";
 	puts("safely remove script error");
 	printf("exit illegal [%d] %s\n", errno, strerror(errno));
 	return "fail";

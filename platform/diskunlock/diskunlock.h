@@ -1,7 +1,6 @@
-/* Substitute for the closed disk-unlock library (Parts 6.1, 6.2; DESIGN.md
- * section 4).  Each drive's lock state lives in one file per drive (see
- * diskunlock.c).  Both return the lock state: -1 error, 0 unlocked,
- * 1 locked, 2 no unlock attempts left. */
+/* Substitute for the closed disk-unlock library: each drive's lock state
+ * lives in one file per drive (see diskunlock.cpp).  Both return the lock
+ * state: -1 error, 0 unlocked, 1 locked, 2 no unlock attempts left. */
 #ifndef HX_DISKUNLOCK_H
 #define HX_DISKUNLOCK_H
 

@@ -1,6 +1,6 @@
-/* libpmApi substitute (spec Platform interfaces, Part 8.1): the vendor's
- * calls to the power-management controller.  Each returns 0 on success and
- * non-zero when no controller answers within PMC_TIMEOUT_MS or it refuses.
+/* libpmApi substitute: the calls to the power-management controller.  Each
+ * returns 0 on success and non-zero when no controller answers within
+ * PMC_TIMEOUT_MS or it refuses.
  *
  * Protocol (ours): one stream connection to PMC_SOCKET_PATH per call; the
  * client sends one line and reads one line back:

@@ -1,7 +1,7 @@
-/* libpmApi substitute: see pmApi.h for the protocol. */
+// libpmApi substitute: see pmApi.h for the protocol.
+#include "pmApi.h"
+
 #include <errno.h>
-#include <inttypes.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -9,133 +9,98 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "pmApi.h"
+#include <optional>
+#include <string>
+#include <string_view>
 
-#define PMC_LINE 64
+namespace {
 
-static int
-pmc_connect(void)
-{
-	struct sockaddr_un addr;
-	struct timeval tv = { PMC_TIMEOUT_MS / 1000, (PMC_TIMEOUT_MS % 1000) * 1000 };
+struct Socket {
 	int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+	Socket() = default;
+	Socket(const Socket &) = delete;
+	Socket &operator=(const Socket &) = delete;
+	~Socket()
+	{
+		if (fd >= 0)
+			close(fd);
+	}
+};
 
-	if (fd < 0)
-		return -1;
-	memset(&addr, 0, sizeof(addr));
+bool send_all(int fd, std::string_view text)
+{
+	while (!text.empty()) {
+		ssize_t n = send(fd, text.data(), text.size(), MSG_NOSIGNAL);
+		if (n < 0 && errno == EINTR)
+			continue;
+		if (n <= 0)
+			return false;
+		text.remove_prefix(static_cast<size_t>(n));
+	}
+	return true;
+}
+
+// One request line and the reply line without its newline; nullopt when no
+// controller answers in time, it closes, or its line has 63 characters or
+// more.
+std::optional<std::string> exchange(std::string_view request)
+{
+	Socket s;
+	timeval tv{PMC_TIMEOUT_MS / 1000, (PMC_TIMEOUT_MS % 1000) * 1000};
+	sockaddr_un addr{};
 	addr.sun_family = AF_UNIX;
 	memcpy(addr.sun_path, PMC_SOCKET_PATH, sizeof(PMC_SOCKET_PATH));
-	if (setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv)) != 0 ||
-	    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv)) != 0 ||
-	    connect(fd, (struct sockaddr *)&addr, sizeof(addr)) != 0) {
-		close(fd);
-		return -1;
-	}
-	return fd;
-}
-
-static int
-pmc_send_all(int fd, const char *text, size_t len)
-{
-	ssize_t n;
-
-	while (len > 0) {
-		n = send(fd, text, len, MSG_NOSIGNAL);
+	if (s.fd < 0 || setsockopt(s.fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv)) != 0 ||
+	    setsockopt(s.fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv)) != 0 ||
+	    connect(s.fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0 ||
+	    !send_all(s.fd, request))
+		return std::nullopt;
+	std::string line;
+	char c;
+	while (line.size() < 63) {
+		ssize_t n = recv(s.fd, &c, 1, 0);
 		if (n < 0 && errno == EINTR)
 			continue;
 		if (n <= 0)
-			return -1;
-		text += n;
-		len -= (size_t)n;
+			return std::nullopt;
+		if (c == '\n')
+			return line;
+		line += c;
 	}
-	return 0;
+	return std::nullopt;
 }
 
-/* Reads the reply line (without its newline) into reply; -1 when the
- * controller closes, times out or sends a line that does not fit. */
-static int
-pmc_read_line(int fd, char *reply, size_t size)
+int request_ok(const std::string &request)
 {
-	size_t len = 0;
-	ssize_t n;
-
-	while (len + 1 < size) {
-		n = recv(fd, reply + len, 1, 0);
-		if (n < 0 && errno == EINTR)
-			continue;
-		if (n <= 0)
-			return -1;
-		if (reply[len] == '\n') {
-			reply[len] = '\0';
-			return 0;
-		}
-		len++;
-	}
-	return -1;
+	std::optional<std::string> reply = exchange(request);
+	return reply && *reply == "OK" ? 0 : -1;
 }
 
-/* One request line, one reply line: 0 when both went through. */
-static int
-pmc_exchange(const char *request, char *reply, size_t size)
-{
-	int fd = pmc_connect();
-	int ret;
+}  // namespace
 
-	if (fd < 0)
+extern "C" int pmc_ipc_send_message(int id)
+{
+	return request_ok("MSG " + std::to_string(id) + "\n");
+}
+
+extern "C" int pmc_ipc_send_message_with_param(int id, int32_t *param)
+{
+	if (param == nullptr)
 		return -1;
-	ret = pmc_send_all(fd, request, strlen(request));
-	if (ret == 0)
-		ret = pmc_read_line(fd, reply, size);
-	close(fd);
-	return ret;
+	return request_ok("MSG " + std::to_string(id) + " " + std::to_string(*param) + "\n");
 }
 
-static int
-pmc_request_ok(const char *request)
+extern "C" int pmc_get_system_status(int32_t *status)
 {
-	char reply[PMC_LINE];
-
-	if (pmc_exchange(request, reply, sizeof(reply)) != 0)
+	std::optional<std::string> reply = status != nullptr ? exchange("STATUS\n") : std::nullopt;
+	if (!reply || !reply->starts_with("OK "))
 		return -1;
-	return strcmp(reply, "OK") == 0 ? 0 : -1;
-}
-
-int
-pmc_ipc_send_message(int id)
-{
-	char request[PMC_LINE];
-
-	snprintf(request, sizeof(request), "MSG %d\n", id);
-	return pmc_request_ok(request);
-}
-
-int
-pmc_ipc_send_message_with_param(int id, int32_t *param)
-{
-	char request[PMC_LINE];
-
-	if (param == NULL)
-		return -1;
-	snprintf(request, sizeof(request), "MSG %d %" PRId32 "\n", id, *param);
-	return pmc_request_ok(request);
-}
-
-int
-pmc_get_system_status(int32_t *status)
-{
-	char reply[PMC_LINE];
+	const char *digits = reply->c_str() + 3;
 	char *end;
-	long value;
-
-	if (status == NULL || pmc_exchange("STATUS\n", reply, sizeof(reply)) != 0)
-		return -1;
-	if (strncmp(reply, "OK ", 3) != 0)
-		return -1;
 	errno = 0;
-	value = strtol(reply + 3, &end, 10);
-	if (errno != 0 || end == reply + 3 || *end != '\0' || value < INT32_MIN ||
-	    value > INT32_MAX)
+	long value = strtol(digits, &end, 10);
+	if (errno != 0 || end == digits || *end != '\0' || value < INT32_MIN || value > INT32_MAX)
 		return -1;
-	*status = (int32_t)value;
+	*status = static_cast<int32_t>(value);
 	return 0;
 }

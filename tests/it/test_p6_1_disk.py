@@ -174,6 +174,25 @@ def test_vol_id_answer(sandbox, daemon, disks, printed, shown):
         "partition_detail": [status_part("USB_A1", shown)]})
 
 
+@pytest.mark.parametrize("lines, shown", [
+    (["probing", "vfat"], "fat"),
+    (["x" * 40, "ext4"], "ext4"),
+    (["vfat", "abcdefghijklmno"], "Unknown"),
+    (["vfat", "y" * 40], "Unknown"),
+    (["vfat", ""], ""),
+], ids=["two-lines", "long-line-first", "last-15", "last-40", "last-empty"])
+def test_vol_id_last_line_is_the_answer(sandbox, daemon, disks, lines, shown):
+    """vol_id may print more than one line: the type is its last line."""
+    disks(f"{SHARE}/USB_A1")
+    sandbox.stub(VOL_ID, "printf '%s\\n' " + " ".join(f"'{line}'" for line in lines) + "\n")
+    sandbox.add_disk("sda", "ATA", "Disk", 2048)
+    sandbox.set_mtab(mtab(("/dev/sda1", f"{SHARE}/USB_A1", "vfat")))
+    reply, _ = ask(sandbox, daemon, "diskstatus")
+    assert reply == answer("diskstatus", {
+        "total_capacity": "1.0M", "partition_num": "1",
+        "partition_detail": [status_part("USB_A1", shown)]})
+
+
 def test_vol_id_missing_gives_unknown(sandbox, daemon, disks):
     disks(f"{SHARE}/USB_A1")
     sandbox.remove(VOL_ID)
