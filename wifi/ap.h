@@ -3,49 +3,69 @@
 #ifndef HX_WIFI_AP_H
 #define HX_WIFI_AP_H
 
+#include <array>
+#include <optional>
+#include <string>
+#include <string_view>
+
 struct json_object;
 
-#define WL_STA_MAX 32
-
-/* The access point's associated stations ("/sbin/uaputl.exe sta_list"). */
+// The access point's associated stations ("/sbin/uaputl.exe sta_list"),
+// each field as the utility prints it, bounded.
+inline constexpr int WL_STA_MAX = 32;
 struct wl_sta {
 	char mac[18];
 	char rssi[6];
 };
 struct wl_sta_list {
 	int count;
-	struct wl_sta sta[WL_STA_MAX];
+	std::array<wl_sta, WL_STA_MAX> sta;
 };
-/* Fills list from the utility's output; sets count also on failure
- * (Part 2.5): 0, or -1 when the utility cannot be run. */
-int wl_getStaList(struct wl_sta_list *list);
-/* One line of that output: "MAC Address: %s" starts a station (ignored
- * once the list is full), "Rssi : %s dBm" gives the last one its signal. */
-void wl_staListParseLine(const char *line, struct wl_sta_list *list);
+// Fills list from the utility's output; sets count also on failure: 0, or
+// -1 when the utility cannot be run.
+int wl_getStaList(wl_sta_list *list);
+// One line of that output: "MAC Address: %s" starts a station (ignored
+// once the list is full), "Rssi : %s dBm" gives the last one its signal.
+void wl_staListParseLine(std::string_view line, wl_sta_list *list);
 
-/* Writes "/mnt/rwdata/uaputl.conf" from the sysconf Wi-Fi keys; 0 (also
- * when "wl" is "off", a key does not parse or the file cannot be opened). */
-int wifi_ap_reconfig(void);
-int wifi_ap_start(void);
-int wifi_ap_stop(void);
-int wifi_ap_restart(void);
-int wl_start(void);
-int wl_stop(void);
-int wl_restart(void);
-int wl_update(void);
-int wl_setRadioOn(void);
-int wl_setRadioOff(void);
-int wl_setpowersavemode(void);
-int wifi_start(void);
-int wifi_stop(void);
-int wifi_restart(void);
-/* value with "," and "=" escaped; valid until the next call (NULL when out of memory). */
-char *UapEscape(const char *value);
-/* The channel count of country in the country table at path (Part 5.3's
- * "Channel count by country", with its messages); 0 when not found. */
-int wl_countryChanCount(const char *path, const char *country);
-const char *_revalidate_wl(struct json_object *value, struct json_object *reply_arguments, void *deferred);
-const char *_revalidate_wlRadio(struct json_object *value, struct json_object *reply_arguments, void *deferred);
-const char *_revalidate_wlPowerSaveMode(struct json_object *value, struct json_object *reply_arguments, void *deferred);
+// Writes "/mnt/rwdata/uaputl.conf" from the Wi-Fi settings; 0 (also when
+// "wl" is "off", a setting does not parse or the file cannot be opened).
+int wifi_ap_reconfig();
+int wifi_ap_start();
+int wifi_ap_stop();
+int wifi_ap_restart();
+int wl_start();
+int wl_stop();
+int wl_restart();
+int wl_update();
+int wl_setRadioOn();
+int wl_setRadioOff();
+int wl_setpowersavemode();
+int wifi_start();
+int wifi_stop();
+int wifi_restart();
+// value with a backslash before each "," and "=".
+std::string UapEscape(std::string_view value);
+
+const char *_revalidate_wl(json_object *value, json_object *reply_arguments, void *deferred);
+const char *_revalidate_wlRadio(json_object *value, json_object *reply_arguments, void *deferred);
+const char *_revalidate_wlPowerSaveMode(json_object *value, json_object *reply_arguments,
+					void *deferred);
+
+namespace hx::wifi {
+
+// What the country table says of a country: whether it is listed, and the
+// channel count of its domain's last entry (nullopt for a malformed entry).
+struct CountryEntry {
+	bool listed = false;
+	std::optional<int> count;
+};
+CountryEntry find_country_channels(std::string_view table, std::string_view country);
+
+// The channel count of country in the table file at path, with the
+// lookup's messages on standard output; 0 when it is not found.
+int country_channel_count(const char *path, const std::string &country);
+
+}  // namespace hx::wifi
 
 #endif

@@ -1,103 +1,127 @@
-/* Part 5.3: the regulatory channel count of a country, from the Marvell
- * country table "/etc/config/80211d_domain.conf". */
-#include <limits.h>
+// The regulatory channel count of a country, from the country table
+// "/etc/config/80211d_domain.conf".
+#include <ctype.h>
 #include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
 
+#include "core/owned.h"
 #include "core/util.h"
-#include "wifi/wifi.h"
+#include "wifi/ap.h"
 
-#define TOKEN_SIZE 64
+namespace hx::wifi {
+namespace {
 
-static int
-next_token(FILE *fp, char token[TOKEN_SIZE])
+// The next of the table's whitespace-separated tokens, at most 63
+// characters (a longer word is read as several); a token ends at a NUL
+// byte, as the C text it is compared as.
+std::optional<std::string_view> next_token(std::string_view &rest)
 {
-	return fscanf(fp, "%63s", token) == 1;
+	auto blank = [](char c) { return isspace(static_cast<unsigned char>(c)) != 0; };
+	size_t start = 0;
+	while (start < rest.size() && blank(rest[start]))
+		start++;
+	if (start == rest.size())
+		return std::nullopt;
+	size_t end = start;
+	while (end < rest.size() && end - start < 63 && !blank(rest[end]))
+		end++;
+	std::string_view token = rest.substr(start, end - start);
+	rest.remove_prefix(end);
+	return token.substr(0, token.find('\0'));
 }
 
-/* Step 1: 1 when a token equals country; domain holds the token that
- * followed the last "COUNTRY:" before it. */
-static int
-find_country(FILE *fp, const char *country, char domain[TOKEN_SIZE])
+// The domain of country: the token after the last "COUNTRY:" before the
+// country's own token (that token is compared too).
+std::optional<std::string_view> find_country(std::string_view &tokens, std::string_view country)
 {
-	char token[TOKEN_SIZE];
-	int after_country = 0;
-
-	domain[0] = '\0';
-	while (next_token(fp, token)) {
-		if (after_country)
-			strlcpy(domain, token, TOKEN_SIZE);
-		after_country = strcmp(token, "COUNTRY:") == 0;
-		if (strcmp(token, country) == 0)
-			return 1;
+	std::string_view domain;
+	bool after_tag = false;
+	while (std::optional<std::string_view> token = next_token(tokens)) {
+		if (after_tag)
+			domain = *token;
+		after_tag = *token == "COUNTRY:";
+		if (*token == country)
+			return domain;
 	}
-	return 0;
+	return std::nullopt;
 }
 
-/* Step 2: 1 after a "DOMAIN:" token directly followed by domain. */
-static int
-find_domain(FILE *fp, const char *domain)
+// Moves past a "DOMAIN:" token directly followed by domain.
+bool find_domain(std::string_view &tokens, std::string_view domain)
 {
-	char token[TOKEN_SIZE];
-	int after_domain = 0;
-
-	while (next_token(fp, token)) {
-		if (after_domain && strcmp(token, domain) == 0)
-			return 1;
-		after_domain = strcmp(token, "DOMAIN:") == 0;
+	bool after_tag = false;
+	while (std::optional<std::string_view> token = next_token(tokens)) {
+		if (after_tag && *token == domain)
+			return true;
+		after_tag = *token == "DOMAIN:";
 	}
-	return 0;
+	return false;
 }
 
-/* Steps 3 and 4: the count of the domain's last entry, or -1 for an entry
- * of four fields.  A lone "," only ends its entry. */
-static int
-collect(FILE *fp)
+// The second field of the section's last entry, up to the next "DOMAIN:";
+// nullopt for an entry of four fields.  A comma ends an entry, and only the
+// text before it counts (a lone "," only ends the entry).
+std::optional<int> last_entry_count(std::string_view &tokens)
 {
-	char token[TOKEN_SIZE];
-	int count = 0, field = 0, ends;
-
-	while (next_token(fp, token) && strcmp(token, "DOMAIN:") != 0) {
-		ends = strchr(token, ',') != NULL;
-		token[strcspn(token, ", ")] = '\0';
-		if (token[0] != '\0') {
+	int count = 0, field = 0;
+	while (std::optional<std::string_view> token = next_token(tokens)) {
+		if (*token == "DOMAIN:")
+			break;
+		std::string_view head = token->substr(0, token->find(','));
+		if (!head.empty()) {
 			if (field == 3)
-				return -1;
+				return std::nullopt;
 			if (field == 1)
-				count = gw_atoi(token);
+				count = gw_atoi(std::string(head).c_str());
 			field++;
 		}
-		if (ends)
+		if (head.size() != token->size())
 			field = 0;
 	}
 	return count;
 }
 
-int
-wl_countryChanCount(const char *path, const char *country)
+std::optional<std::string> read_file(const char *path)
 {
-	char domain[TOKEN_SIZE];
-	FILE *fp = fopen(path, "r");
-	int count = 0;
+	FilePtr file = open_file(path, "r");
+	if (!file)
+		return std::nullopt;
+	std::string text;
+	char block[4096];
+	while (size_t n = fread(block, 1, sizeof(block), file.get()))
+		text.append(block, n);
+	return text;
+}
 
-	if (fp == NULL) {
+}  // namespace
+
+CountryEntry find_country_channels(std::string_view table, std::string_view country)
+{
+	std::string_view tokens = table;
+	std::optional<std::string_view> domain = find_country(tokens, country);
+	if (!domain)
+		return {};
+	return {true, find_domain(tokens, *domain) ? last_entry_count(tokens) : 0};
+}
+
+int country_channel_count(const char *path, const std::string &country)
+{
+	std::optional<std::string> table = read_file(path);
+	if (!table) {
 		puts("File: 80211d_domain.conf opening Error");
 		return 0;
 	}
-	if (!find_country(fp, country, domain)) {
-		printf("No match found for Country = %s in conf. \n", country);
-		fclose(fp);
+	CountryEntry entry = find_country_channels(*table, country.c_str());
+	if (!entry.listed) {
+		printf("No match found for Country = %s in conf. \n", country.c_str());
 		return 0;
 	}
-	printf("Match success for Country = %s in conf. \n", country);
-	if (find_domain(fp, domain))
-		count = collect(fp);
-	fclose(fp);
-	if (count < 0) {
+	printf("Match success for Country = %s in conf. \n", country.c_str());
+	if (!entry.count) {
 		puts("ERR: Incorrect 80211d_domain.conf file");
 		return 0;
 	}
-	printf("no_of_chan = %d \n", count);
-	return count;
+	printf("no_of_chan = %d \n", *entry.count);
+	return *entry.count;
 }
+
+}  // namespace hx::wifi

@@ -1,43 +1,32 @@
-/* The access point's associated stations, from the micro-AP utility
- * (used by the status item "s_stalist", Part 2.5). */
+// The access point's associated stations, from the micro-AP utility.
 #include <stdio.h>
 
-#include "core/util.h"
-#include "wifi/wifi.h"
+#include <string>
 
-void
-wl_staListParseLine(const char *line, struct wl_sta_list *list)
+#include "core/owned.h"
+#include "wifi/ap.h"
+#include "wifi/lines.h"
+
+void wl_staListParseLine(std::string_view line, wl_sta_list *list)
 {
-	char text[18];
-	struct wl_sta *last;
-
 	if (list->count < 0 || list->count > WL_STA_MAX)
 		return;
-	last = list->count > 0 ? &list->sta[list->count - 1] : NULL;
-	if (sscanf(line, "MAC Address: %17s", text) == 1) {
-		if (list->count == WL_STA_MAX)
-			return;
-		last = &list->sta[list->count++];
-		strlcpy(last->mac, text, sizeof(last->mac));
-		last->rssi[0] = '\0';
-	} else if (sscanf(line, "Rssi : %5s dBm", text) == 1 && last != NULL &&
-		   last->rssi[0] == '\0') {
-		strlcpy(last->rssi, text, sizeof(last->rssi));
+	std::string text(line);
+	wl_sta sta{};
+	if (sscanf(text.c_str(), "MAC Address: %17s", sta.mac) == 1) {
+		if (list->count < WL_STA_MAX)
+			list->sta[list->count++] = sta;
+	} else if (list->count > 0 && list->sta[list->count - 1].rssi[0] == '\0') {
+		sscanf(text.c_str(), "Rssi : %5s dBm", list->sta[list->count - 1].rssi);
 	}
 }
 
-int
-wl_getStaList(struct wl_sta_list *list)
+int wl_getStaList(wl_sta_list *list)
 {
-	char line[256];
-	FILE *fp;
-
 	list->count = 0;
-	fp = popen("/sbin/uaputl.exe sta_list", "r");
-	if (fp == NULL)
+	hx::PipePtr out = hx::open_pipe("/sbin/uaputl.exe sta_list", "re");
+	if (!out)
 		return -1;
-	while (fgets(line, sizeof(line), fp) != NULL)
-		wl_staListParseLine(line, list);
-	pclose(fp);
+	hx::wifi::each_piece(out.get(), [list](std::string_view piece) { wl_staListParseLine(piece, list); });
 	return 0;
 }

@@ -1,226 +1,181 @@
-/* TDLS peer links through the supplicant and the cut-through mode (not
- * specified further; see README).  Everything here runs on the event-loop
- * thread. */
+// TDLS peer links through the supplicant, and the cut-through mode.
+// Everything here runs on the event-loop thread.
 #include <stdio.h>
 #include <string.h>
 #include <strings.h>
 
-#include <json-c/json.h>
+#include <algorithm>
+#include <string>
+#include <vector>
 
+#include "core/fmt.h"
+#include "core/json.h"
 #include "core/util.h"
 #include "ipc/info_parse.h"
-#include "ipc/registry.h"
+#include "ipc/target.h"
 #include "wifi/scan.h"
-#include "wifi/wifi.h"
+#include "wifi/wpacli.h"
 
-#define INVALID "Invalid arguments."
-#define TDLS_PEER_MAX 16
-#define CUTTHROUGH_SCRIPT "/etc/app/gw_cutthrough.sh"
+namespace {
 
-enum tdls_state { TDLS_IDLE, TDLS_CONNECTING, TDLS_CONNECTED };
+enum class Tdls { idle, connecting, connected };
 
-static enum tdls_state tdls_state;
-static char tdls_peer[18];
-static char tdls_found[TDLS_PEER_MAX][18];
-static int tdls_found_count;
-static int cutthrough_on;
+constexpr const char *invalid = "Invalid arguments.";
+constexpr size_t peer_max = 16;
 
-/* "xx:xx:xx:xx:xx:xx" in hexadecimal digits, nothing after it. */
-static int
-tdls_is_mac(const char *text)
+Tdls tdls_state = Tdls::idle;
+std::string tdls_peer;
+std::vector<std::string> discovered;	// at most peer_max, told apart without regard to case
+bool cutthrough_on = false;
+
+// "xx:xx:xx:xx:xx:xx" in hexadecimal digits, nothing after it.
+bool is_mac(const char *text)
 {
-	return text != NULL && strlen(text) == 17 && scan_mac_prefix(text);
+	return text != nullptr && strlen(text) == 17 && hx::wifi::is_mac_prefix(text);
 }
 
-static void
-tdls_found_add(const char *mac)
+void discover(const char *mac)
 {
-	int i;
-
-	for (i = 0; i < tdls_found_count; i++)
-		if (strcasecmp(tdls_found[i], mac) == 0)
-			return;
-	if (tdls_found_count < TDLS_PEER_MAX)
-		strlcpy(tdls_found[tdls_found_count++], mac, sizeof(tdls_found[0]));
+	auto same = [mac](const std::string &peer) { return strcasecmp(peer.c_str(), mac) == 0; };
+	if (discovered.size() < peer_max && std::none_of(discovered.begin(), discovered.end(), same))
+		discovered.emplace_back(mac);
 }
 
-void
-wpa_tdls_event_handler(const char *event, const char *arg, void *slot)
+// The "peer" member (present but not a string: none), else the first
+// discovered peer.
+const char *start_peer(json_object *value)
 {
-	(void)slot;
-	if (event == NULL)
+	json_object *peer;
+	if (json_object_object_get_ex(value, "peer", &peer))
+		return hx::json::is(peer, json_type_string) ? hx::json::text(peer) : nullptr;
+	return discovered.empty() ? nullptr : discovered.front().c_str();
+}
+
+const char *tdls_start(json_object *value)
+{
+	const char *peer = start_peer(value);
+	if (!is_mac(peer))
+		return "invalid arguments";
+	return wifi_sta_tdls_setup(peer) == 0 ? nullptr : "internal error";
+}
+
+// Ends the link, or its set-up, with the current peer.
+const char *tdls_stop(json_object *)
+{
+	int rc = 0;
+	if (tdls_state != Tdls::idle && !tdls_peer.empty())
+		rc = wpa_cli_send(hx::format("TDLS_TEARDOWN %s", tdls_peer.c_str()).c_str(), nullptr, nullptr);
+	tdls_state = Tdls::idle;
+	tdls_peer.clear();
+	return rc == 0 ? nullptr : "internal error";
+}
+
+template <bool On>
+const char *cut_through(json_object *)
+{
+	if (do_system(On ? "/etc/app/gw_cutthrough.sh start" : "/etc/app/gw_cutthrough.sh stop") != 0)
+		return "internal error";
+	cutthrough_on = On;
+	return nullptr;
+}
+
+constexpr hx::ipc::Action tdls_actions[] = {{"start", tdls_start}, {"stop", tdls_stop}};
+constexpr hx::ipc::Action cut_through_actions[] = {
+	{"start", cut_through<true>},
+	{"stop", cut_through<false>},
+};
+
+}  // namespace
+
+void wpa_tdls_event_handler(const char *event, const char *arg, void *)
+{
+	if (event == nullptr)
 		return;
-	if (strcmp(event, "TDLS-DISC-RESP ") == 0 && tdls_is_mac(arg)) {
+	std::string_view name = event;
+	if (name == "TDLS-DISC-RESP " && is_mac(arg)) {
 		printf("TDLS: Discovered peer %s\n", arg);
-		tdls_found_add(arg);
-	} else if (strcmp(event, "TDLS-LINK-UP ") == 0) {
+		discover(arg);
+	} else if (name == "TDLS-LINK-UP ") {
 		puts("TDLS: Link up");
-		tdls_state = TDLS_CONNECTED;
-	} else if (strcmp(event, "TDLS-LINK-DOWN ") == 0) {
+		tdls_state = Tdls::connected;
+	} else if (name == "TDLS-LINK-DOWN ") {
 		puts("TDLS: Link down");
-		tdls_state = TDLS_IDLE;
-		tdls_peer[0] = '\0';
+		tdls_state = Tdls::idle;
+		tdls_peer.clear();
 	}
 }
 
-int
-wifi_sta_tdls_setup(const char *peer)
+int wifi_sta_tdls_setup(const char *peer)
 {
-	char command[32];
-
-	if (tdls_state == TDLS_CONNECTING) {
+	if (tdls_state == Tdls::connecting) {
 		puts("TDLS: Connecting, reject TDLS setup request");
 		return -1;
 	}
-	if (!tdls_is_mac(peer)) {
+	if (!is_mac(peer)) {
 		puts("TDLS: Invalid peer address");
 		return -1;
 	}
-	if (gwutil_snprintf(command, sizeof(command), "TDLS_SETUP %s", peer) < 0 ||
-	    wpa_cli_send(command, NULL, NULL) != 0)
+	if (wpa_cli_send(hx::format("TDLS_SETUP %s", peer).c_str(), nullptr, nullptr) != 0)
 		return -1;
-	tdls_state = TDLS_CONNECTING;
-	strlcpy(tdls_peer, peer, sizeof(tdls_peer));
+	tdls_state = Tdls::connecting;
+	tdls_peer = peer;
 	return 0;
 }
 
-/* Ends the link (or its set-up) with the current peer; 0 or -1. */
-static int
-tdls_teardown(void)
+const char *info_s_scantdlsdevice(json_object *name, json_object *infos, void *)
 {
-	char command[40];
-	int rc = 0;
-
-	if (tdls_state != TDLS_IDLE && tdls_peer[0] != '\0') {
-		gwutil_snprintf(command, sizeof(command), "TDLS_TEARDOWN %s", tdls_peer);
-		rc = wpa_cli_send(command, NULL, NULL);
-	}
-	tdls_state = TDLS_IDLE;
-	tdls_peer[0] = '\0';
-	return rc;
+	if (info_args_missing(name, infos))
+		return invalid;
+	discovered.clear();
+	bool sent = wpa_cli_send("TDLS_DISCOVER ff:ff:ff:ff:ff:ff", nullptr, nullptr) == 0;
+	info_add_string(infos, name, sent ? "scanning" : "failed");
+	return nullptr;
 }
 
-const char *
-info_s_scantdlsdevice(struct json_object *name, struct json_object *infos, void *context)
+const char *info_s_scantdlsdeviceresult(json_object *name, json_object *infos, void *)
 {
-	(void)context;
 	if (info_args_missing(name, infos))
-		return INVALID;
-	tdls_found_count = 0;
-	info_add_string(infos, name,
-			wpa_cli_send("TDLS_DISCOVER ff:ff:ff:ff:ff:ff", NULL, NULL) == 0
-				? "scanning" : "failed");
-	return NULL;
-}
-
-const char *
-info_s_scantdlsdeviceresult(struct json_object *name, struct json_object *infos, void *context)
-{
-	struct json_object *array, *object;
-	int i;
-
-	(void)context;
-	if (info_args_missing(name, infos))
-		return INVALID;
-	array = info_add_array(infos, name);
-	if (array == NULL)
+		return invalid;
+	json_object *array = info_add_array(infos, name);
+	if (array == nullptr)
 		return "ERROR";
-	for (i = 0; i < tdls_found_count; i++) {
-		object = json_object_new_object();
-		if (object == NULL)
+	for (const std::string &mac : discovered) {
+		hx::json::Ptr object(json_object_new_object());
+		if (!object)
 			return "ERROR";
-		info_set_string(object, "mac", tdls_found[i]);
-		json_object_array_add(array, object);
+		info_set_string(object.get(), "mac", mac.c_str());
+		json_object_array_add(array, object.release());
 	}
-	return NULL;
+	return nullptr;
 }
 
-const char *
-info_s_tdlsstatus(struct json_object *name, struct json_object *infos, void *context)
+const char *info_s_tdlsstatus(json_object *name, json_object *infos, void *)
 {
-	static const char *const text[] = { "idle", "connecting", "connected" };
-	struct json_object *object;
-
-	(void)context;
+	static constexpr const char *state_text[] = {"idle", "connecting", "connected"};
 	if (info_args_missing(name, infos))
-		return INVALID;
-	object = info_add_object(infos, name);
-	if (object == NULL)
+		return invalid;
+	json_object *object = info_add_object(infos, name);
+	if (object == nullptr)
 		return "ERROR";
-	info_set_string(object, "state", text[tdls_state]);
-	info_set_string(object, "peer", tdls_peer);
-	return NULL;
+	info_set_string(object, "state", state_text[static_cast<int>(tdls_state)]);
+	info_set_string(object, "peer", tdls_peer.c_str());
+	return nullptr;
 }
 
-const char *
-info_cutthrough_status(struct json_object *name, struct json_object *infos, void *context)
+const char *info_cutthrough_status(json_object *name, json_object *infos, void *)
 {
-	(void)context;
 	if (info_args_missing(name, infos))
-		return INVALID;
+		return invalid;
 	info_add_string(infos, name, cutthrough_on ? "on" : "off");
-	return NULL;
+	return nullptr;
 }
 
-/* The peer member of value, else the first discovered peer, else NULL. */
-static const char *
-tdls_start_peer(struct json_object *value)
+const char *_revalidate_tdls(json_object *value, json_object *, void *)
 {
-	struct json_object *peer;
-
-	if (json_object_object_get_ex(value, "peer", &peer))
-		return json_object_is_type(peer, json_type_string) ? json_object_get_string(peer)
-								    : NULL;
-	return tdls_found_count > 0 ? tdls_found[0] : NULL;
+	return hx::ipc::run_target(value, {tdls_actions});
 }
 
-const char *
-_revalidate_tdls(struct json_object *value, struct json_object *reply_arguments, void *deferred)
+const char *_revalidate_cutThrough(json_object *value, json_object *, void *)
 {
-	const char *error = ipc_target_check(value, "invalid arguments");
-	const char *action, *peer;
-
-	(void)reply_arguments;
-	(void)deferred;
-	if (error != NULL)
-		return error;
-	action = ipc_target_action(value);
-	if (action == NULL)
-		return NULL;
-	if (strcmp(action, "start") == 0) {
-		peer = tdls_start_peer(value);
-		if (!tdls_is_mac(peer))
-			return "invalid arguments";
-		return wifi_sta_tdls_setup(peer) == 0 ? NULL : "internal error";
-	}
-	if (strcmp(action, "stop") == 0)
-		return tdls_teardown() == 0 ? NULL : "internal error";
-	return NULL;
-}
-
-const char *
-_revalidate_cutThrough(struct json_object *value, struct json_object *reply_arguments,
-		       void *deferred)
-{
-	const char *error = ipc_target_check(value, "invalid arguments");
-	const char *action;
-	int on;
-
-	(void)reply_arguments;
-	(void)deferred;
-	if (error != NULL)
-		return error;
-	action = ipc_target_action(value);
-	if (action == NULL)
-		return NULL;
-	if (strcmp(action, "start") == 0)
-		on = 1;
-	else if (strcmp(action, "stop") == 0)
-		on = 0;
-	else
-		return NULL;
-	if (do_system(on ? CUTTHROUGH_SCRIPT " start" : CUTTHROUGH_SCRIPT " stop") != 0)
-		return "internal error";
-	cutthrough_on = on;
-	return NULL;
+	return hx::ipc::run_target(value, {cut_through_actions});
 }
