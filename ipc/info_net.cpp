@@ -66,9 +66,11 @@ json::Ptr new_object()
 	return object;
 }
 
+using Members = std::initializer_list<std::pair<const char *, std::string_view>>;
+
 // Adds the object of each member's {key, text} to array; false when it
 // cannot be made.
-bool append(json_object *array, std::initializer_list<std::pair<const char *, std::string_view>> members)
+bool append(json_object *array, Members members)
 {
 	json::Ptr object = new_object();
 	if (!object)

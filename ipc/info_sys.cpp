@@ -79,11 +79,21 @@ const char *stored_text(const Item &item, const char *key, bool first)
 
 }  // namespace
 
-const char *p_model(const Item &i) { return stored_json(i, Store::sysinfo, "product_model", false); }
-const char *p_description(const Item &i) { return stored_json(i, Store::sysinfo, "product_description", false); }
+// Product data is written at the factory: a missing key is an error.
+const char *p_model(const Item &i)
+{
+	return stored_json(i, Store::sysinfo, "product_model", false);
+}
+const char *p_description(const Item &i)
+{
+	return stored_json(i, Store::sysinfo, "product_description", false);
+}
 const char *wl_radio(const Item &i) { return stored_json(i, Store::rtconf, "wl_radio", true); }
 const char *ws_state(const Item &i) { return stored_json(i, Store::rtconf, "ws_state", true); }
-const char *fwup_status(const Item &i) { return stored_json(i, Store::rtconf, "fwup_status", true); }
+const char *fwup_status(const Item &i)
+{
+	return stored_json(i, Store::rtconf, "fwup_status", true);
+}
 const char *s_osinfo(const Item &i) { return stored_text(i, "uname", false); }
 const char *s_boardinfo(const Item &i) { return stored_text(i, "boardinfo", false); }
 const char *s_rootfsver(const Item &i) { return stored_text(i, "rootfs.ver", true); }

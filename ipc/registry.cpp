@@ -107,11 +107,13 @@ constexpr ipc_handler_entry revalidate_table[] = {
 	{"ap_profiles", _revalidate_apProfiles},
 };
 
-static_assert(std::size(info_table) == IPC_TABLE_ROWS && std::size(revalidate_table) == IPC_TABLE_ROWS);
+static_assert(std::size(info_table) == IPC_TABLE_ROWS);
+static_assert(std::size(revalidate_table) == IPC_TABLE_ROWS);
 
 ipc_handler_index info_index, revalidate_index;
 
-void index_load(ipc_handler_index &index, std::span<const ipc_handler_entry> table, const char *caller)
+void index_load(ipc_handler_index &index, std::span<const ipc_handler_entry> table,
+		const char *caller)
 {
 	for (const ipc_handler_entry &row : table) {
 		auto [at, inserted] = index.emplace(row.name, &row);
@@ -133,7 +135,10 @@ const ipc_handler_entry *index_find(const ipc_handler_index &index, const char *
 void infos_init() { index_load(info_index, info_table, __func__); }
 void revalidates_init() { index_load(revalidate_index, revalidate_table, __func__); }
 const ipc_handler_entry *info_find(const char *name) { return index_find(info_index, name); }
-const ipc_handler_entry *revalidate_find(const char *name) { return index_find(revalidate_index, name); }
+const ipc_handler_entry *revalidate_find(const char *name)
+{
+	return index_find(revalidate_index, name);
+}
 
 const char *_revalidate_noop(json_object *, json_object *, void *)
 {
