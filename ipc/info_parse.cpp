@@ -140,8 +140,8 @@ std::optional<Log> log_parse(std::string_view line)
 	    line[12] != ':' || line[15] != ' ')
 		return std::nullopt;
 	Log log;
-	log.date = std::string(line.substr(0, 4)).append(line.substr(line[4] == ' ' ? 5 : 4,
-								     line[4] == ' ' ? 1 : 2));
+	bool padded = line[4] == ' ';
+	log.date = format("%.3s %.*s", line.data(), padded ? 1 : 2, line.data() + (padded ? 5 : 4));
 	log.time = line.substr(7, 8);
 	std::string_view rest = line.substr(16);
 	std::optional<std::string_view> hostname = field(rest, ' ');

@@ -40,12 +40,13 @@ struct Item {
 using ItemBody = const char *(*)(const Item &item);
 
 // The prologue of every item: the common check, then the item's body.
+const char *run_item(json_object *name, json_object *infos, ItemBody body);
+
+// An item's row in the registry.
 template <ItemBody Body>
 const char *item(json_object *name, json_object *infos, void *)
 {
-	if (info_args_missing(name, infos))
-		return "Invalid arguments.";
-	return Body(Item{infos, name});
+	return run_item(name, infos, Body);
 }
 
 // The three kernel load averages (16 fraction bits) as "I.DD, I.DD, I.DD",

@@ -52,6 +52,13 @@ json_object *info_add_array(json_object *infos, json_object *name)
 
 namespace hx::ipc {
 
+const char *run_item(json_object *name, json_object *infos, ItemBody body)
+{
+	if (info_args_missing(name, infos))
+		return "Invalid arguments.";
+	return body(Item{infos, name});
+}
+
 namespace {
 
 using conf::Store;
