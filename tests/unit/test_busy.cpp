@@ -92,13 +92,4 @@ INSTANTIATE_TEST_SUITE_P(
 		Walk{nullptr, "5", "invalid arguments", "Arguments are not required type data.\n"},
 		Walk{nullptr, "null", "invalid arguments", "Input parameters are NULL.\n"}));
 
-TEST_F(Guard, RevalidateWithoutReplyArguments)
-{
-	hx::json::Ptr arguments(json_object_new_object());
-	const char *result = nullptr;
-	EXPECT_EQ(hx::test::stdout_of([&] { result = revalidate(arguments.get(), nullptr, nullptr); }),
-		  "Input parameters are NULL.\n");
-	EXPECT_STREQ(result, "invalid arguments");
-}
-
 }  // namespace

@@ -93,16 +93,6 @@ TEST(Registry, TargetsThatAcceptAnything)
 	}
 }
 
-TEST(Registry, TransitionalTargetChecks)
-{
-	hx::json::Ptr start = hx::json::parse(R"({"action":"start"})"), number = hx::json::parse(R"({"action":1})");
-	EXPECT_STREQ(ipc_target_action(start.get()), "start");
-	EXPECT_EQ(ipc_target_action(number.get()), nullptr);
-	EXPECT_EQ(ipc_target_check(start.get(), "bad"), nullptr);
-	EXPECT_EQ(hx::test::stdout_of([] { EXPECT_STREQ(ipc_target_check(nullptr, "bad"), "bad"); }),
-		  "Input parameter is NULL.\n");
-}
-
 TEST(RegistryDeathTest, ASecondLoadMeetsEveryNameAgain)
 {
 	EXPECT_DEATH(infos_init(), "ipcimpl:[0-9]+: infos_init: Assertion `\\(\\(void \\*\\)0\\) == old' failed");
