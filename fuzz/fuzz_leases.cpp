@@ -1,5 +1,5 @@
 /* The lines of dnsmasq's lease file through the s_dhcpleases line parser
- * (ipc/info_net.c), read as the item reads them: fgets with 4096 bytes. */
+ * (ipc/info_parse.cpp), read as the item reads them: fgets with 4096 bytes. */
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -23,8 +23,7 @@ LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 			fclose(fp);
 		return 0;
 	}
-	while (fgets(line, sizeof(line), fp) != NULL &&
-	       info_lease_line(line, array, NULL) == 0)
+	while (fgets(line, sizeof(line), fp) != NULL && hx::ipc::lease_line(line, array))
 		;
 	parsed = json_tokener_parse(json_object_to_json_string(array));
 	if (parsed == NULL)

@@ -1,41 +1,45 @@
-/* Handlers of the request layer's own Parts (2.2 to 2.5). */
+// The request layer's own handlers: the three methods, the busy guard, the
+// targets that do nothing, and the status items of the system, the network
+// and the owners (their bodies; ipc/info_parse.h has the prologue).
 #ifndef HX_IPC_HANDLERS_H
 #define HX_IPC_HANDLERS_H
 
+#include "ipc/info_parse.h"
 #include "ipc/ipc.h"
 
-struct json_object;
+const char *prefGet(json_object *arguments, json_object *reply_arguments, void *idle_data);
+const char *prefSet(json_object *arguments, json_object *reply_arguments, void *idle_data);
+const char *revalidate(json_object *arguments, json_object *reply_arguments, void *deferred);
+// 1 while a firmware upgrade is under way, -1 when its status does not
+// parse, else 0: anything but 0 refuses every target.
+int is_system_busy();
+// "video", "video2", "ipsec", "thumbnail" and "owner_chg": success, whatever
+// the value.
+const char *_revalidate_noop(json_object *value, json_object *reply_arguments, void *deferred);
 
-/* Part 2.3 */
-const char *prefGet(struct json_object *arguments, struct json_object *reply_arguments, void *idle_data);
-const char *prefSet(struct json_object *arguments, struct json_object *reply_arguments, void *idle_data);
-/* Part 2.4 */
-const char *revalidate(struct json_object *arguments, struct json_object *reply_arguments, void *deferred);
-int is_system_busy(void);
-/* Part 2.2: "video", "video2", "ipsec", "thumbnail" */
-const char *_revalidate_noop(struct json_object *value, struct json_object *reply_arguments, void *deferred);
-/* Part 2.5: "owner_chg" */
-const char *_revalidate_ownerChg(struct json_object *value, struct json_object *reply_arguments, void *deferred);
-/* Part 2.5: status items (info_s_rootfsver also answers "fw_version") */
-const char *info_p_model(struct json_object *name, struct json_object *infos, void *context);
-const char *info_p_description(struct json_object *name, struct json_object *infos, void *context);
-const char *info_s_time(struct json_object *name, struct json_object *infos, void *context);
-const char *info_s_sysinfo(struct json_object *name, struct json_object *infos, void *context);
-const char *info_s_osinfo(struct json_object *name, struct json_object *infos, void *context);
-const char *info_s_boardinfo(struct json_object *name, struct json_object *infos, void *context);
-const char *info_s_rootfsver(struct json_object *name, struct json_object *infos, void *context);
-const char *info_s_waninfo(struct json_object *name, struct json_object *infos, void *context);
-const char *info_s_wan_dns(struct json_object *name, struct json_object *infos, void *context);
-const char *info_s_wan_gw(struct json_object *name, struct json_object *infos, void *context);
-const char *info_s_laninfo(struct json_object *name, struct json_object *infos, void *context);
-const char *info_s_logs(struct json_object *name, struct json_object *infos, void *context);
-const char *info_s_dhcpleases(struct json_object *name, struct json_object *infos, void *context);
-const char *info_s_stalist(struct json_object *name, struct json_object *infos, void *context);
-const char *info_s_routesactive(struct json_object *name, struct json_object *infos, void *context);
-const char *info_s_upnplist(struct json_object *name, struct json_object *infos, void *context);
-const char *info_wl_radio(struct json_object *name, struct json_object *infos, void *context);
-const char *info_ws_state(struct json_object *name, struct json_object *infos, void *context);
-const char *info_fwup_status(struct json_object *name, struct json_object *infos, void *context);
-const char *info_owner_list(struct json_object *name, struct json_object *infos, void *context);
+namespace hx::ipc {
+
+const char *p_model(const Item &item);
+const char *p_description(const Item &item);
+const char *s_time(const Item &item);
+const char *s_sysinfo(const Item &item);
+const char *s_osinfo(const Item &item);
+const char *s_boardinfo(const Item &item);
+const char *s_rootfsver(const Item &item);	// also "fw_version"
+const char *s_waninfo(const Item &item);
+const char *s_wan_dns(const Item &item);
+const char *s_wan_gw(const Item &item);
+const char *s_laninfo(const Item &item);
+const char *s_logs(const Item &item);
+const char *s_dhcpleases(const Item &item);
+const char *s_stalist(const Item &item);
+const char *s_routesactive(const Item &item);
+const char *s_upnplist(const Item &item);
+const char *wl_radio(const Item &item);
+const char *ws_state(const Item &item);
+const char *fwup_status(const Item &item);
+const char *owner_list(const Item &item);
+
+}  // namespace hx::ipc
 
 #endif

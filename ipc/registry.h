@@ -1,33 +1,35 @@
-/* Part 2.2: handler registry and the two target tables. */
+// The two families of named handlers: status items (pref-get's "infos") and
+// revalidate targets, each a constant table of {name, handler} rows loaded
+// at start-up into an index ordered by name.
 #ifndef HX_IPC_REGISTRY_H
 #define HX_IPC_REGISTRY_H
 
-#include "core/tree.h"
+#include <map>
+#include <string_view>
 
 #include "ipc/ipc.h"
 
-typedef struct ipc_handler_entry {
+struct ipc_handler_entry {
 	const char *name;
 	ipc_handler_func handler;
-	RB_ENTRY(ipc_handler_entry) link;
-} ipc_handler_entry;
+};
 
-RB_HEAD(ipc_handler_index, ipc_handler_entry);
+// Names in byte order, as strcmp orders them.
+using ipc_handler_index = std::map<std::string_view, const ipc_handler_entry *>;
 
-#define IPC_TABLE_ROWS 41
+constexpr size_t IPC_TABLE_ROWS = 41;
 
-void infos_init(void);
-void revalidates_init(void);
+void infos_init();
+void revalidates_init();
 
-/* The row with exactly this name, or NULL. */
-ipc_handler_entry *info_find(const char *name);
-ipc_handler_entry *revalidate_find(const char *name);
+// The row with exactly this name (a C string), or NULL.
+const ipc_handler_entry *info_find(const char *name);
+const ipc_handler_entry *revalidate_find(const char *name);
 
-/* Steps 1 and 2 of the common shape of a target handler (Part 2.2): prints
- * "Input parameter is NULL." for a null value or "Unexpected json type." for
- * one that is not an object and returns error; NULL when value is an object. */
-const char *ipc_target_check(struct json_object *value, const char *error);
-/* The text of value's string member "action", or NULL. */
-const char *ipc_target_action(struct json_object *value);
+// Transitional, until every target runs through hx::ipc::run_target or
+// hx::ipc::check_target (ipc/target.h): the same check, and the text of
+// value's string member "action" or NULL.
+const char *ipc_target_check(json_object *value, const char *error);
+const char *ipc_target_action(json_object *value);
 
 #endif

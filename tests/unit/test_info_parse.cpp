@@ -1,506 +1,229 @@
-/* Part 2.5: the status items' pure parsers and formatters
- * (ipc/info_parse.h), the station-list parser (wifi/stalist.c), and the
- * common argument check of every item. */
+// The status items: the parsers of the files they read, and what the items
+// of the stores add to the reply.
+#include "ipc/info_parse.h"
+
 #include <arpa/inet.h>
 #include <limits.h>
-#include <setjmp.h>
-#include <stdarg.h>
-#include <stddef.h>
-#include <stdint.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
 #include <unistd.h>
 
-extern "C" {
-#include <cmocka.h>
-}
-#include <json-c/json.h>
+#include <tuple>
+#include <vector>
 
-#include "ipc/handlers.h"
-#include "ipc/info_parse.h"
-#include "tests/unit/testutil.h"
+#include "core/fmt.h"
+#include "ipc/registry.h"
+#include "tests/unit/support.h"
 #include "wifi/wifi.h"
 
-/* ---- load averages ---- */
+namespace {
 
-static void
-test_loads_are_truncated_to_two_decimals(void **state)
+using namespace hx::ipc;
+using Fields = std::vector<std::string_view>;
+using Lines = std::initializer_list<std::tuple<const char *, std::optional<Fields>>>;
+
+// Each line through parse: the fields that fields_of takes from the result,
+// or nothing for a line that is refused.
+template <typename Parse, typename FieldsOf>
+void expect_fields(Lines lines, Parse parse, FieldsOf fields_of)
 {
-	/* 0.5, 1.999 (131006 / 65536 = 1.99899), 0 */
-	const unsigned long loads[3] = { 32768, 131006, 0 };
-	char buf[64];
-
-	(void)state;
-	info_format_loads(buf, sizeof(buf), loads);
-	assert_string_equal(buf, "0.50, 1.99, 0.00");
+	for (const auto &[line, fields] : lines) {
+		auto parsed = parse(line);
+		ASSERT_EQ(parsed.has_value(), fields.has_value()) << line;
+		if (parsed) {
+			EXPECT_EQ(fields_of(*parsed), *fields) << line;
+		}
+	}
 }
 
-static void
-test_loads_largest_fraction_and_integer_parts(void **state)
+TEST(Formats, LoadsMacFirstLineAndDns)
 {
-	/* 3 + 65535/65536 shows 3.99; 12 * 65536 + 656 is 12.01 (656 * 100 /
-	 * 65536 = 1.0009). */
-	const unsigned long loads[3] = { 3 * 65536 + 0xFFFF, 12 * 65536 + 656, 65536 };
-	char buf[64];
-
-	(void)state;
-	info_format_loads(buf, sizeof(buf), loads);
-	assert_string_equal(buf, "3.99, 12.01, 1.00");
+	const unsigned long loads[3] = {32768, 131006, 3 * 65536 + 0xFFFF};	// 0.5, 1.999, 3.99998
+	EXPECT_EQ(format_loads(loads), "0.50, 1.99, 3.99");
+	const unsigned char mac[6] = {0x00, 0x1a, 0x2b, 0xc3, 0xd4, 0xff};
+	EXPECT_EQ(format_mac(mac), "00:1A:2B:C3:D4:FF");
+	EXPECT_EQ(first_line("HX-R1_V1.0.0\nbuilt 2024\n"), "HX-R1_V1.0.0");
+	EXPECT_EQ(first_line("\nsecond"), "");
+	EXPECT_EQ(first_line(std::string(100, 'v')), std::string(63, 'v'));
+	const char servers[4][16] = {"255.255.255.255", "192.168.1.1", "1.1.1.1", "9.9.9.9"};
+	EXPECT_EQ(join_dns(0, servers), "");
+	EXPECT_EQ(join_dns(2, servers), "255.255.255.255, 192.168.1.1");
+	EXPECT_EQ(join_dns(9, servers), "255.255.255.255, 192.168.1.1, 1.1.1.1, 9.9.9.9");
 }
 
-/* ---- first line, MAC ---- */
-
-static void
-test_first_line_stops_at_the_newline(void **state)
+TEST(Leases, SplitAtSingleBlanks)
 {
-	char field[64];
-
-	(void)state;
-	info_first_line(field, sizeof(field), "HX-R1_V1.0.0\nbuilt 2024-03-04\n");
-	assert_string_equal(field, "HX-R1_V1.0.0");
-	info_first_line(field, sizeof(field), "one line");
-	assert_string_equal(field, "one line");
-	info_first_line(field, sizeof(field), "\nsecond");
-	assert_string_equal(field, "");
+	expect_fields(
+		{
+			{"1795000600 aa:bb:cc:dd:ee:01 192.168.100.101 phone 01:aa:bb\n",
+			 Fields{"1795000600", "aa:bb:cc:dd:ee:01", "192.168.100.101", "phone", "01:aa:bb\n"}},
+			{"1795000600  aa\tbb 1.2.3.4 * id extra\n", Fields{"1795000600", "", "aa\tbb", "1.2.3.4", "*"}},
+			{"1795000600 aa:bb:cc:dd:ee:01 192.168.100.101 phone\n", std::nullopt},
+			{"\n", std::nullopt},
+		},
+		lease_split, [](const Lease &l) { return Fields{l.expires, l.mac, l.ipaddr, l.hostname, l.clientid}; });
 }
 
-static void
-test_first_line_is_bounded_by_the_field(void **state)
+TEST(Leases, ExpiresWithTheClockCorrection)
 {
-	char text[100], field[64];
-
-	(void)state;
-	memset(text, 'v', sizeof(text) - 1);
-	text[sizeof(text) - 1] = '\0';
-	info_first_line(field, sizeof(field), text);
-	assert_int_equal(strlen(field), 63);
+	EXPECT_EQ(lease_expires(1795000600, 1795000000, 0), 600);
+	EXPECT_EQ(lease_expires(1795000000 - 30, 1795000000, 0), -30);
+	EXPECT_EQ(lease_expires(1000, 1795000000, 1794999500), 500);
+	EXPECT_EQ(lease_expires(1795000100, 1795000000, 172801), 100);	// not in the past
+	EXPECT_EQ(lease_expires(LONG_MIN, 1000, 0), LONG_MIN);
+	EXPECT_EQ(lease_expires(LONG_MAX, -1000, 0), LONG_MAX);
+	EXPECT_EQ(lease_expires(999, 1000, LONG_MAX), LONG_MAX - 1000);
 }
 
-static void
-test_mac_upper_case(void **state)
+// A line as the kernel writes it: each address is the network-order value
+// printed as a host integer.
+std::string route_line(const char *iface, const char *dest, const char *gw, unsigned metric, const char *mask)
 {
-	const unsigned char mac[6] = { 0x00, 0x1a, 0x2b, 0xc3, 0xd4, 0xff };
-	char buf[18];
-
-	(void)state;
-	info_format_mac(buf, mac);
-	assert_string_equal(buf, "00:1A:2B:C3:D4:FF");
+	return hx::format("%s\t%08X\t%08X\t0003\t0\t0\t%u\t%08X\t0\t0\t0\n", iface, inet_addr(dest),
+			  inet_addr(gw), metric, inet_addr(mask));
 }
 
-/* ---- lease lines ---- */
-
-static void
-test_lease_line_five_fields_clientid_keeps_newline(void **state)
+TEST(Routes, ScanSixFields)
 {
-	char line[] = "1795000600 aa:bb:cc:dd:ee:01 192.168.100.101 phone 01:aa:bb:cc:dd:ee:01\n";
-	struct info_lease lease;
-
-	(void)state;
-	assert_int_equal(info_lease_split(line, &lease), 0);
-	assert_string_equal(lease.expires, "1795000600");
-	assert_string_equal(lease.mac, "aa:bb:cc:dd:ee:01");
-	assert_string_equal(lease.ipaddr, "192.168.100.101");
-	assert_string_equal(lease.hostname, "phone");
-	assert_string_equal(lease.clientid, "01:aa:bb:cc:dd:ee:01\n");
+	std::optional<Route> r = route_parse(route_line("mlan0", "0.0.0.0", "10.1.2.254", 5, "0.0.0.0").c_str());
+	ASSERT_TRUE(r);
+	EXPECT_STREQ(r->iface, "mlan0");
+	EXPECT_EQ(std::make_tuple(r->dest, r->flags, r->metric, r->mask), std::make_tuple(0ul, 3ul, 5u, 0ul));
+	EXPECT_EQ(format_addr(r->gw), "10.1.2.254");
+	r = route_parse(route_line("br0", "192.168.100.0", "0.0.0.0", 0, "255.255.255.0").c_str());
+	ASSERT_TRUE(r);
+	EXPECT_EQ(format_addr(r->dest) + "/" + format_addr(r->mask), "192.168.100.0/255.255.255.0");
+	for (const char *line : {"Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\n",
+				 "br0\t0064A8C0\t00000000\t0001\t0\t0\n", "\n",
+				 // %16s stops after 16 characters; the rest is no number
+				 "abcdefghijklmnopqrstuvwxyz\t0\t0\t1\t0\t0\t0\t0\n"})
+		EXPECT_FALSE(route_parse(line)) << line;
 }
 
-static void
-test_lease_line_of_four_fields_is_refused(void **state)
+TEST(Upnp, LeaseLines)
 {
-	char four[] = "1795000600 aa:bb:cc:dd:ee:01 192.168.100.101 phone\n";
-	char empty[] = "\n";
-	struct info_lease lease;
-
-	(void)state;
-	assert_int_equal(info_lease_split(four, &lease), -1);
-	assert_int_equal(info_lease_split(empty, &lease), -1);
+	expect_fields(
+		{
+			{"TCP:8080:192.168.100.101:80:1795003600:web server: port 80 \r\n",
+			 Fields{"TCP", "8080", "192.168.100.101", "80", "1795003600", "web server: port 80"}},
+			{"UDP:5000:192.168.100.102:5000:0:\n", Fields{"UDP", "5000", "192.168.100.102", "5000", "0", ""}},
+			{"UDP:5000:192.168.100.102:5000\n", std::nullopt},
+		},
+		upnp_parse, [](const Upnp &u) { return Fields{u.proto, u.eport, u.iaddr, u.iport, u.timestamp, u.desc}; });
 }
 
-static void
-test_lease_line_only_the_blank_separates(void **state)
+TEST(Logs, SyslogLines)
 {
-	/* Two blanks make an empty field; a tab is part of a field; a sixth
-	 * field is cut off at its blank. */
-	char line[] = "1795000600  aa\tbb 1.2.3.4 * id extra\n";
-	struct info_lease lease;
-
-	(void)state;
-	assert_int_equal(info_lease_split(line, &lease), 0);
-	assert_string_equal(lease.mac, "");
-	assert_string_equal(lease.ipaddr, "aa\tbb");
-	assert_string_equal(lease.hostname, "1.2.3.4");
-	assert_string_equal(lease.clientid, "*");
+	expect_fields(
+		{
+			{"Nov 22 21:58:51 hxsim user.info hxsrvd[123]: WAN up: mlan0\n",
+			 Fields{"Nov 22", "21:58:51", "hxsim", "user.info", "hxsrvd[123]", "WAN up: mlan0"}},
+			{"Mar  4 07:00:01 HX-R1 syslog.info syslogd started: BusyBox v1.36.1\n",
+			 Fields{"Mar 4", "07:00:01", "HX-R1", "syslog.info", "syslogd started", "BusyBox v1.36.1"}},
+			{"Mar  4 07:00:02 HX-R1 <13> no colon here\n", Fields{"Mar 4", "07:00:02", "HX-R1", "<13>", "", "no colon here"}},
+			{"2024-03-04 07:00:01 HX-R1 user.info x: y\n", std::nullopt},
+			{"Mar  4 07:00:01 HX-R1\n", std::nullopt},
+			{"Mar  4 07:00\n", std::nullopt},
+			{"Mar  4 07:00:01 \n", std::nullopt},
+		},
+		log_parse, [](const Log &l) { return Fields{l.date, l.time, l.hostname, l.priority, l.owner, l.content}; });
 }
 
-static void
-test_lease_expires(void **state)
+// What "uaputl.exe sta_list" prints for two stations.
+TEST(StaList, StationsOfTheUtilitysOutput)
 {
-	(void)state;
-	assert_int_equal(info_lease_expires(1795000600, 1795000000, 0), 600);
-	/* in the past: negative, and the correction is added */
-	assert_int_equal(info_lease_expires(1795000000 - 30, 1795000000, 0), -30);
-	assert_int_equal(info_lease_expires(1000, 1795000000, 1794999500), 500);
-	/* not in the past: no correction */
-	assert_int_equal(info_lease_expires(1795000000, 1795000000, 172801), 0);
-	assert_int_equal(info_lease_expires(1795000100, 1795000000, 172801), 100);
+	wl_sta_list list;
+	list.count = 0;
+	for (const char *line : {"Number of STA = 2\n", "Rssi : -40 dBm\n", "STA 1 information:\n",
+				 "MAC Address: 00:50:43:21:0a:b1:ff:ee\n", "Power mfg status: active\n",
+				 "Rssi : -123456 dBm\n", "Rssi : -42 dBm\n", "MAC Address: 8c:85:90:12:34:56\n",
+				 "Rssi : -71 dBm\n"})
+		wl_staListParseLine(line, &list);
+	ASSERT_EQ(list.count, 2);
+	EXPECT_STREQ(list.sta[0].mac, "00:50:43:21:0a:b1");
+	EXPECT_STREQ(list.sta[0].rssi, "-1234");
+	EXPECT_STREQ(list.sta[1].mac, "8c:85:90:12:34:56");
+	EXPECT_STREQ(list.sta[1].rssi, "-71");
+	for (int i = 0; i < WL_STA_MAX + 3; i++)
+		wl_staListParseLine(hx::format("MAC Address: 00:00:00:00:00:%02x\n", i).c_str(), &list);
+	EXPECT_EQ(list.count, WL_STA_MAX);
+	if (access("/sbin/uaputl.exe", F_OK) != 0) {	// the count is set whatever the utility does
+		::testing::internal::CaptureStderr();
+		EXPECT_EQ(wl_getStaList(&list), 0);
+		::testing::internal::GetCapturedStderr();
+		EXPECT_EQ(list.count, 0);
+	}
 }
 
-static void
-test_lease_expires_out_of_range_is_clamped(void **state)
-{
-	(void)state;
-	assert_true(info_lease_expires(LONG_MIN, 1000, 0) == LONG_MIN);
-	assert_true(info_lease_expires(LONG_MAX, -1000, 0) == LONG_MAX);
-	/* the correction itself overflows */
-	assert_true(info_lease_expires(999, 1000, LONG_MAX) == LONG_MAX - 1000);
-}
+// ---- the items of the stores, called through the registry
 
-/* ---- DNS list ---- */
+class Infos : public ::testing::Environment {
+	void SetUp() override { infos_init(); }
+};
+::testing::Environment *const infos_env = ::testing::AddGlobalTestEnvironment(new Infos);
 
-static void
-test_dns_join(void **state)
-{
-	const char servers[4][16] = { "8.8.8.8", "192.168.1.1", "1.1.1.1", "9.9.9.9" };
-	const char wide[4][16] = { "255.255.255.255", "255.255.255.254", "255.255.255.253",
-				   "255.255.255.252" };
-	char buf[4 * 15 + 3 * 2 + 1];
-
-	(void)state;
-	info_join_dns(buf, sizeof(buf), 0, servers);
-	assert_string_equal(buf, "");
-	info_join_dns(buf, sizeof(buf), 1, servers);
-	assert_string_equal(buf, "8.8.8.8");
-	info_join_dns(buf, sizeof(buf), 2, servers);
-	assert_string_equal(buf, "8.8.8.8, 192.168.1.1");
-	info_join_dns(buf, sizeof(buf), 9, servers);
-	assert_string_equal(buf, "8.8.8.8, 192.168.1.1, 1.1.1.1, 9.9.9.9");
-	info_join_dns(buf, sizeof(buf), 4, wide);
-	assert_string_equal(buf, "255.255.255.255, 255.255.255.254, 255.255.255.253, "
-				 "255.255.255.252");
-}
-
-/* ---- route lines ---- */
-
-/* A /proc/net/route line as the kernel writes it: each address is the
- * network-order value printed as a host integer ("%08X"). */
-static void
-route_line(char *buf, size_t size, const char *iface, const char *dest, const char *gw,
-	   unsigned int flags, unsigned int metric, const char *mask)
-{
-	snprintf(buf, size, "%s\t%08X\t%08X\t%04X\t0\t0\t%u\t%08X\t0\t0\t0\n", iface,
-		 (unsigned int)inet_addr(dest), (unsigned int)inet_addr(gw), flags, metric,
-		 (unsigned int)inet_addr(mask));
-}
-
-static void
-test_route_line_scans_six_fields(void **state)
-{
-	struct info_route route;
-	char line[256], text[16];
-
-	(void)state;
-	route_line(line, sizeof(line), "mlan0", "0.0.0.0", "10.1.2.254", 3, 5, "0.0.0.0");
-	assert_int_equal(info_route_parse(line, &route), 0);
-	assert_string_equal(route.iface, "mlan0");
-	assert_int_equal(route.dest, 0);
-	assert_int_equal(route.flags, 3);
-	assert_int_equal(route.metric, 5);
-	assert_int_equal(route.mask, 0);
-	info_format_addr(text, route.gw);
-	assert_string_equal(text, "10.1.2.254");
-
-	route_line(line, sizeof(line), "br0", "192.168.100.0", "0.0.0.0", 1, 0,
-		   "255.255.255.0");
-	assert_int_equal(info_route_parse(line, &route), 0);
-	info_format_addr(text, route.dest);
-	assert_string_equal(text, "192.168.100.0");
-	info_format_addr(text, route.mask);
-	assert_string_equal(text, "255.255.255.0");
-}
-
-static void
-test_route_header_and_short_lines_do_not_scan(void **state)
-{
-	struct info_route route;
-
-	(void)state;
-	assert_int_equal(info_route_parse("Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\t"
-					  "Metric\tMask\t\tMTU\tWindow\tIRTT\n",
-					  &route),
-			 -1);
-	assert_int_equal(info_route_parse("br0\t0064A8C0\t00000000\t0001\t0\t0\n", &route),
-			 -1);
-	assert_int_equal(info_route_parse("\n", &route), -1);
-}
-
-static void
-test_route_interface_name_is_bounded(void **state)
-{
-	struct info_route route;
-
-	(void)state;
-	/* %16s stops after 16 characters; the rest does not scan as a number */
-	assert_int_equal(info_route_parse("abcdefghijklmnopqrstuvwxyz\t00000000\t00000000\t0001\t"
-					  "0\t0\t0\t00000000\n",
-					  &route),
-			 -1);
-	assert_int_equal(strlen(route.iface), 16);
-}
-
-/* ---- UPnP lease lines ---- */
-
-static void
-test_upnp_line(void **state)
-{
-	char line[] = "TCP:8080:192.168.100.101:80:1795003600:web server: port 80\n";
-	struct info_upnp upnp;
-
-	(void)state;
-	assert_int_equal(info_upnp_parse(line, &upnp), 0);
-	assert_string_equal(upnp.proto, "TCP");
-	assert_string_equal(upnp.eport, "8080");
-	assert_string_equal(upnp.iaddr, "192.168.100.101");
-	assert_string_equal(upnp.iport, "80");
-	assert_string_equal(upnp.timestamp, "1795003600");
-	assert_string_equal(upnp.desc, "web server: port 80");
-}
-
-static void
-test_upnp_line_empty_desc_and_short_lines(void **state)
-{
-	char empty_desc[] = "UDP:5000:192.168.100.102:5000:0:\n";
-	char old_format[] = "UDP:5000:192.168.100.102:5000\n";
-	struct info_upnp upnp;
-
-	(void)state;
-	assert_int_equal(info_upnp_parse(empty_desc, &upnp), 0);
-	assert_string_equal(upnp.timestamp, "0");
-	assert_string_equal(upnp.desc, "");
-	assert_int_equal(info_upnp_parse(old_format, &upnp), -1);
-}
-
-/* ---- syslog lines ---- */
-
-static void
-test_log_line(void **state)
-{
-	char line[] = "Nov 22 21:58:51 hxsim user.info hxsrvd[123]: WAN up: mlan0\n";
-	struct info_log log;
-
-	(void)state;
-	assert_int_equal(info_log_parse(line, &log), 0);
-	assert_string_equal(log.date, "Nov 22");
-	assert_string_equal(log.time, "21:58:51");
-	assert_string_equal(log.hostname, "hxsim");
-	assert_string_equal(log.priority, "user.info");
-	assert_string_equal(log.owner, "hxsrvd[123]");
-	assert_string_equal(log.content, "WAN up: mlan0");
-}
-
-static void
-test_log_line_padded_day_and_no_owner(void **state)
-{
-	char line[] = "Mar  4 07:00:01 HX-R1 syslog.info syslogd started: BusyBox v1.36.1\n";
-	char bare[] = "Mar  4 07:00:02 HX-R1 <13> no colon here\n";
-	struct info_log log;
-
-	(void)state;
-	assert_int_equal(info_log_parse(line, &log), 0);
-	assert_string_equal(log.date, "Mar 4");
-	assert_string_equal(log.owner, "syslogd started");
-	assert_string_equal(log.content, "BusyBox v1.36.1");
-	assert_int_equal(info_log_parse(bare, &log), 0);
-	assert_string_equal(log.priority, "<13>");
-	assert_string_equal(log.owner, "");
-	assert_string_equal(log.content, "no colon here");
-}
-
-static void
-test_log_lines_of_another_shape_are_refused(void **state)
-{
-	char no_stamp[] = "2024-03-04 07:00:01 HX-R1 user.info x: y\n";
-	char no_priority[] = "Mar  4 07:00:01 HX-R1\n";
-	char short_line[] = "Mar  4 07:00\n";
-	char stamp_only[] = "Mar  4 07:00:01 \n";
-	struct info_log log;
-
-	(void)state;
-	assert_int_equal(info_log_parse(no_stamp, &log), -1);
-	assert_int_equal(info_log_parse(no_priority, &log), -1);
-	assert_int_equal(info_log_parse(short_line, &log), -1);
-	assert_int_equal(info_log_parse(stamp_only, &log), -1);
-}
-
-/* ---- sta_list lines ---- */
-
-/* What "uaputl.exe sta_list" prints (Marvell uaputl: "Number of STA = %d",
- * per station "MAC Address: " and print_mac's lower-case hex, "Power mfg
- * status: %s", "Rssi : %d dBm"). */
-static const char *const sta_list_output[] = {
-	"Number of STA = 2\n",
-	"\n",
-	"STA 1 information:\n",
-	"=====================\n",
-	"MAC Address: 00:50:43:21:0a:b1\n",
-	"Power mfg status: active\n",
-	"Rssi : -45 dBm\n",
-	"\n",
-	"STA 2 information:\n",
-	"=====================\n",
-	"MAC Address: 8c:85:90:12:34:56\n",
-	"Power mfg status: power save\n",
-	"Rssi : -71 dBm\n",
-	"\n",
+struct Record {
+	char store;	// 's'ysconf, 'r'tconf, 'i'nfo
+	const char *key, *value;
 };
 
-static void
-test_sta_list_lines(void **state)
-{
-	struct wl_sta_list list;
-	size_t i;
+struct ItemCase {
+	const char *name;
+	std::vector<Record> records;
+	const char *infos;
+	const char *result = nullptr;
+};
 
-	(void)state;
-	list.count = 0;
-	for (i = 0; i < sizeof(sta_list_output) / sizeof(sta_list_output[0]); i++)
-		wl_staListParseLine(sta_list_output[i], &list);
-	assert_int_equal(list.count, 2);
-	assert_string_equal(list.sta[0].mac, "00:50:43:21:0a:b1");
-	assert_string_equal(list.sta[0].rssi, "-45");
-	assert_string_equal(list.sta[1].mac, "8c:85:90:12:34:56");
-	assert_string_equal(list.sta[1].rssi, "-71");
+class Items : public hx::test::Stores, public ::testing::WithParamInterface<ItemCase> {};
+
+TEST_P(Items, AddTheirMember)
+{
+	const ItemCase &c = GetParam();
+	for (const Record &r : c.records)
+		hx::test::put(r.store == 's' ? sysconf : r.store == 'r' ? rtconf : sysinfo, r.key, r.value);
+	hx::json::Ptr name(json_object_new_string(c.name)), infos(json_object_new_object());
+	EXPECT_STREQ(info_find(c.name)->handler(name.get(), infos.get(), nullptr), c.result);
+	EXPECT_STREQ(json_object_to_json_string(infos.get()), c.infos);
 }
 
-static void
-test_sta_list_fields_are_bounded(void **state)
+INSTANTIATE_TEST_SUITE_P(
+	Stores, Items,
+	::testing::Values(
+		ItemCase{"wl_radio", {}, "{ \"wl_radio\": \"\" }"},
+		ItemCase{"wl_radio", {{'r', "wl_radio", "\"on\""}}, "{ \"wl_radio\": \"on\" }"},
+		ItemCase{"fwup_status", {{'r', "fwup_status", "idle"}}, "{ }", "ERROR"},
+		ItemCase{"p_model", {}, "{ }", "ERROR"},
+		ItemCase{"p_description", {{'i', "product_description", "\"Travel router\""}},
+			 "{ \"p_description\": \"Travel router\" }"},
+		ItemCase{"s_osinfo", {}, "{ }"},
+		ItemCase{"s_boardinfo", {{'r', "boardinfo", "board 2"}}, "{ \"s_boardinfo\": \"board 2\" }"},
+		ItemCase{"fw_version", {{'r', "rootfs.ver", "V1.0\nbuilt"}}, "{ \"fw_version\": \"V1.0\" }"},
+		ItemCase{"owner_list",
+			 {{'s', "active_user", "0"}, {'s', "user0_name", "\"Ann\""}, {'s', "user0_icon", "1"},
+			  {'s', "user1_name", "\"Bo\""}, {'s', "user1_icon", "2"}, {'s', "user2_name", "\"Cy\""},
+			  {'s', "user3_name", "\"Di\""}, {'s', "user3_icon", "4"}},
+			 "{ \"owner_list\": { \"active_user\": 0, \"user0_name\": \"Ann\", \"user0_icon\": 1, "
+			 "\"user1_name\": \"Bo\", \"user1_icon\": 2, \"user2_name\": \"Cy\" } }",
+			 "ERROR"},
+		ItemCase{"s_wan_gw", {}, "{ \"s_wan_gw\": \"N\\/A\" }"},
+		ItemCase{"s_wan_gw", {{'r', "wan_if", "\""}}, "{ \"s_wan_gw\": \"N\\/A\" }"},
+		ItemCase{"s_wan_gw", {{'r', "wan_if", "ab"}}, "{ }", "ERROR"},
+		ItemCase{"s_laninfo", {{'r', "lan_if", "x"}}, "{ \"s_laninfo\": { } }"},
+		ItemCase{"s_laninfo", {{'r', "lan_if", "ab"}}, "{ \"s_laninfo\": { } }", "ERROR"}));
+
+TEST(ItemPrologue, EveryItemRefusesAMissingNameOrInfos)
 {
-	struct wl_sta_list list;
-
-	(void)state;
-	list.count = 0;
-	wl_staListParseLine("MAC Address: 00:50:43:21:0a:b1:ff:ee\n", &list);
-	wl_staListParseLine("Rssi : -123456 dBm\n", &list);
-	assert_int_equal(list.count, 1);
-	assert_string_equal(list.sta[0].mac, "00:50:43:21:0a:b1");
-	assert_string_equal(list.sta[0].rssi, "-1234");
-}
-
-static void
-test_sta_list_rssi_before_any_station_and_twice(void **state)
-{
-	struct wl_sta_list list;
-
-	(void)state;
-	list.count = 0;
-	wl_staListParseLine("Rssi : -40 dBm\n", &list);
-	assert_int_equal(list.count, 0);
-	wl_staListParseLine("MAC Address: 00:50:43:21:0a:b1\n", &list);
-	assert_string_equal(list.sta[0].rssi, "");
-	wl_staListParseLine("Rssi : -41 dBm\n", &list);
-	wl_staListParseLine("Rssi : -42 dBm\n", &list);
-	assert_string_equal(list.sta[0].rssi, "-41");
-}
-
-static void
-test_sta_list_stops_at_its_size(void **state)
-{
-	struct wl_sta_list list;
-	char line[64];
-	int i;
-
-	(void)state;
-	list.count = 0;
-	for (i = 0; i < WL_STA_MAX + 3; i++) {
-		snprintf(line, sizeof(line), "MAC Address: 00:00:00:00:00:%02x\n", i);
-		wl_staListParseLine(line, &list);
-		snprintf(line, sizeof(line), "Rssi : -%d dBm\n", i);
-		wl_staListParseLine(line, &list);
+	hx::json::Ptr name(json_object_new_string("s_time")), infos(json_object_new_object());
+	for (const char *item : {"p_model", "p_description", "s_time", "s_sysinfo", "s_osinfo", "s_boardinfo",
+				 "s_rootfsver", "s_waninfo", "s_wan_dns", "s_wan_gw", "s_laninfo", "s_logs",
+				 "s_dhcpleases", "s_stalist", "s_routesactive", "s_upnplist", "wl_radio", "ws_state",
+				 "fwup_status", "owner_list"}) {
+		ipc_handler_func handler = info_find(item)->handler;
+		EXPECT_EQ(hx::test::stdout_of([&] {
+				  EXPECT_STREQ(handler(nullptr, infos.get(), nullptr), "Invalid arguments.");
+				  EXPECT_STREQ(handler(name.get(), nullptr, nullptr), "Invalid arguments.");
+			  }),
+			  "Input parameters are NULL.\nInput parameters are NULL.\n");
 	}
-	assert_int_equal(list.count, WL_STA_MAX);
-	assert_string_equal(list.sta[WL_STA_MAX - 1].mac, "00:00:00:00:00:1f");
-	assert_string_equal(list.sta[WL_STA_MAX - 1].rssi, "-31");
+	EXPECT_STREQ(json_object_to_json_string(infos.get()), "{ }");
 }
 
-/* The count is set whatever the utility does; on this host it does not
- * exist, so the shell's complaint is all it prints. */
-static void
-test_sta_list_count_set_without_the_utility(void **state)
-{
-	struct tu_capture capture;
-	struct wl_sta_list list;
-
-	(void)state;
-	if (access("/sbin/uaputl.exe", F_OK) == 0)
-		skip();
-	list.count = 77;
-	tu_capture_begin(&capture, stderr);
-	assert_int_equal(wl_getStaList(&list), 0);
-	free(tu_capture_end(&capture));
-	assert_int_equal(list.count, 0);
-}
-
-/* ---- the common check of every item ---- */
-
-static void
-test_items_refuse_a_missing_name_or_infos(void **state)
-{
-	static const ipc_handler_func items[] = {
-		info_p_model, info_p_description, info_s_time, info_s_sysinfo,
-		info_s_osinfo, info_s_boardinfo, info_s_rootfsver, info_s_waninfo,
-		info_s_wan_dns, info_s_wan_gw, info_s_laninfo, info_s_logs,
-		info_s_dhcpleases, info_s_stalist, info_s_routesactive, info_s_upnplist,
-		info_wl_radio, info_ws_state, info_fwup_status, info_owner_list,
-	};
-	struct json_object *name = json_object_new_string("s_time");
-	struct json_object *infos = json_object_new_object();
-	struct tu_capture capture;
-	size_t i;
-	char *out;
-
-	(void)state;
-	for (i = 0; i < sizeof(items) / sizeof(items[0]); i++) {
-		tu_capture_begin(&capture, stdout);
-		assert_string_equal(items[i](NULL, infos, NULL), "Invalid arguments.");
-		assert_string_equal(items[i](name, NULL, NULL), "Invalid arguments.");
-		out = tu_capture_end(&capture);
-		assert_string_equal(out, "Input parameters are NULL.\nInput parameters are NULL.\n");
-		free(out);
-	}
-	assert_string_equal(json_object_to_json_string(infos), "{ }");
-	json_object_put(name);
-	json_object_put(infos);
-}
-
-int
-main(void)
-{
-	const struct CMUnitTest tests[] = {
-		cmocka_unit_test(test_loads_are_truncated_to_two_decimals),
-		cmocka_unit_test(test_loads_largest_fraction_and_integer_parts),
-		cmocka_unit_test(test_first_line_stops_at_the_newline),
-		cmocka_unit_test(test_first_line_is_bounded_by_the_field),
-		cmocka_unit_test(test_mac_upper_case),
-		cmocka_unit_test(test_lease_line_five_fields_clientid_keeps_newline),
-		cmocka_unit_test(test_lease_line_of_four_fields_is_refused),
-		cmocka_unit_test(test_lease_line_only_the_blank_separates),
-		cmocka_unit_test(test_lease_expires),
-		cmocka_unit_test(test_lease_expires_out_of_range_is_clamped),
-		cmocka_unit_test(test_dns_join),
-		cmocka_unit_test(test_route_line_scans_six_fields),
-		cmocka_unit_test(test_route_header_and_short_lines_do_not_scan),
-		cmocka_unit_test(test_route_interface_name_is_bounded),
-		cmocka_unit_test(test_upnp_line),
-		cmocka_unit_test(test_upnp_line_empty_desc_and_short_lines),
-		cmocka_unit_test(test_log_line),
-		cmocka_unit_test(test_log_line_padded_day_and_no_owner),
-		cmocka_unit_test(test_log_lines_of_another_shape_are_refused),
-		cmocka_unit_test(test_sta_list_lines),
-		cmocka_unit_test(test_sta_list_fields_are_bounded),
-		cmocka_unit_test(test_sta_list_rssi_before_any_station_and_twice),
-		cmocka_unit_test(test_sta_list_stops_at_its_size),
-		cmocka_unit_test(test_sta_list_count_set_without_the_utility),
-		cmocka_unit_test(test_items_refuse_a_missing_name_or_infos),
-	};
-
-	return cmocka_run_group_tests(tests, NULL, NULL);
-}
+}  // namespace
