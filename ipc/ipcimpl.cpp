@@ -10,6 +10,7 @@
 #include "ipc/handlers.h"
 #include "ipc/ipc.h"
 #include "ipc/registry.h"
+#include "net/lanwan.h"
 
 static const struct ipc_method methods[] = {
 	{ "pref-get", 1, prefGet },
@@ -22,6 +23,8 @@ ipc_init(void)
 {
 	infos_init();
 	revalidates_init();
+	/* The station reports to the WAN that drives it. */
+	hx::net::lanwan_init();
 	return confIndexInit() == 0 ? 0 : -1;
 }
 
