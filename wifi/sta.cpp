@@ -36,12 +36,11 @@ bool registered;
 
 enum class Tool { none, wt, wpa };
 
-// rtconf "wl_tool_type"; absent means the supplicant, the device's own chain.
+// rtconf "wl_tool_type", set by the device's start-up scripts: absent,
+// unreadable or any other word is no tool at all.
 Tool tool_type()
 {
 	Text name = hx::conf::text(Store::rtconf, "wl_tool_type");
-	if (!name && name.error() == hx::conf::Error::missing)
-		return Tool::wpa;
 	return !name ? Tool::none : *name == "WT" ? Tool::wt : *name == "WPA" ? Tool::wpa : Tool::none;
 }
 

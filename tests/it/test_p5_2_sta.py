@@ -306,29 +306,30 @@ def test_disconnect_while_the_supplicant_is_absent_fails(daemon, sandbox, hotspo
 # Tool types
 
 
-@pytest.mark.parametrize("tool", ["none", "wt", b"not json\0"], ids=["none", "other", "bad"])
-def test_no_tool_type_connects_nothing(daemon, sandbox, hotspot, tool):
+# An absent "wl_tool_type" is no tool, like any other word: even with a
+# supplicant attached nothing is written or sent.
+NO_TOOLS = pytest.mark.parametrize("tool", ["none", "wt", b"not json\0", None],
+                                   ids=["none", "other", "bad", "absent"])
+
+
+@NO_TOOLS
+def test_no_tool_type_connects_nothing(daemon, sandbox, hotspot, fakewpa, tool):
     hotspot("none", "Cafe", "", tool=tool)
     e = wan(sandbox, daemon, "start")
     assert (e.reply, e.out) == (SUCCESS, BRIDGE + NO_TOOL)
     assert e.cmds == [["/usr/sbin/brctl", "delif", "br0", "mlan0"]]
+    assert read_or_none(sandbox, CONF) is None
+    assert fakewpa.commands() == []
 
 
-def test_no_tool_type_disconnects_nothing(daemon, sandbox, hotspot):
-    hotspot("none", "Cafe", "", tool="none")
+@NO_TOOLS
+def test_no_tool_type_disconnects_nothing(daemon, sandbox, hotspot, fakewpa, tool):
+    hotspot("none", "Cafe", "", tool=tool)
     e = wan(sandbox, daemon, "stop")
     assert e.reply == SUCCESS
     assert e.out == "WiFi: Error, None wireless tool type\n"
     assert not any("iwpriv" in c[0] for c in e.cmds)
-
-
-def test_absent_tool_type_means_wpa_supplicant(daemon, sandbox, hotspot, conf, fakewpa):
-    """The chosen default (README): an absent "wl_tool_type" is "WPA"."""
-    hotspot("none", "Cafe", "")
-    conf("wl_tool_type", None, store="rtconf")
-    e = wan(sandbox, daemon, "start")
-    assert (e.reply, e.out) == (SUCCESS, BRIDGE + UPDATED)
-    assert fakewpa.commands() == ["RECONFIGURE", "SELECT_NETWORK 0"]
+    assert fakewpa.commands() == []
 
 
 # Connecting with the wireless tools
