@@ -32,7 +32,6 @@ constexpr size_t cmd_size = 512;
 int nothing() { return 0; }
 int nothing_for(const char *, int) { return 0; }
 hx::wifi::WanLink wan = {nothing, nothing, nothing_for, nothing};
-bool registered;
 
 enum class Tool { none, wt, wpa };
 
@@ -334,17 +333,14 @@ int wpa_ctrl_event_handler(const char *event, const char *, wpa_cli_eh *)
 
 int wifi_sta_wpa_if_init()
 {
-	if (registered)
-		return 0;
 	if (wpa_cli_init() != 0)
 		return -1;
 	wpa_cli_eh_register("CTRL", wpa_ctrl_event_handler);
 	wpa_cli_eh_register("TDLS", tdls_event);
-	registered = true;
 	return 0;
 }
 
-void wifi_sta_wpa_if_deinit() { wpa_cli_deinit(); registered = false; }
+void wifi_sta_wpa_if_deinit() { wpa_cli_deinit(); }
 
 int gw_wpa_start()
 {

@@ -26,8 +26,8 @@ int wifi_sta_disconnect();
 // SSID or pass phrase holds a newline or a double quote.
 int wifi_sta_reconfig(const StaNetworkParams &params);
 int wifi_sta_get_ip();
-// Attaches to the supplicant and registers the station's and the TDLS
-// handlers, once per attachment.
+// Attaches to the supplicant (once) and registers the station's and the
+// TDLS handlers (on every call).
 int wifi_sta_wpa_if_init();
 void wifi_sta_wpa_if_deinit();
 int gw_wpa_start();
