@@ -262,9 +262,10 @@ const hx::wifi::WanLink &hx::wifi::wan_link() { return wan; }
 
 int wifi_sta_reconfig(const StaNetworkParams &p)
 {
-	// A double quote would end the quoted value, a newline add a line.
+	// The supplicant reads a quoted value up to the last quote of its line,
+	// so quotes inside are the value's own; a newline would add a line.
 	for (auto text : {p.ssid, p.pass})
-		if (text && text->find_first_of("\n\"") != text->npos)
+		if (text && text->find('\n') != text->npos)
 			return -1;
 	hx::FilePtr file = hx::open_file(wpa_conf, "w");
 	if (!file) {

@@ -23,7 +23,7 @@ int wl_disconnect();
 int wifi_sta_connect();
 int wifi_sta_disconnect();
 // Writes "/etc/wpa_supplicant.conf": 0, -1 when it cannot be opened or the
-// SSID or pass phrase holds a newline or a double quote.
+// SSID or pass phrase holds a newline.
 int wifi_sta_reconfig(const StaNetworkParams &params);
 int wifi_sta_get_ip();
 // Attaches to the supplicant (once) and registers the station's and the
