@@ -31,11 +31,20 @@ using hx::conf::Store;
 using Text = tl::expected<std::string, hx::conf::Error>;
 
 constexpr size_t cmd_size = 256;
+constexpr size_t field_size = 64;
 constexpr const char *slot_keys[] = {"wan_sta_ssid", "wan_sta_sec", "wan_sta_pass",
 				     "wan_sta_trustmode"};
 
-Text sys(const char *key) { return hx::conf::text(Store::sysconf, key); }
-Text rt(const char *key) { return hx::conf::text(Store::rtconf, key); }
+// Settings are read into fields of 64 bytes: a longer text is cut there.
+Text field(Text text)
+{
+	if (text && text->size() >= field_size)
+		text->resize(field_size - 1);
+	return text;
+}
+
+Text sys(const char *key) { return field(hx::conf::text(Store::sysconf, key)); }
+Text rt(const char *key) { return field(hx::conf::text(Store::rtconf, key)); }
 void rt_set(const char *key, std::string_view text) { hx::conf::set(Store::rtconf, key, text); }
 
 // A stored interface name or address reaches the shell unquoted: one with
@@ -197,7 +206,7 @@ int wan_get_state()
 
 unsigned long wan_get_uptime()
 {
-	Text value = rt("wan_uptime");
+	Text value = hx::conf::text(Store::rtconf, "wan_uptime");
 	if (!value)
 		return static_cast<unsigned long>(-1);
 	unsigned long start = strtoul(value->c_str(), nullptr, 10);

@@ -135,7 +135,7 @@ int wt_connect()
 }
 
 // Sends cmd to the supplicant, printing failed when it is not taken.
-bool send(const char *cmd, const char *failed)
+bool request(const char *cmd, const char *failed)
 {
 	if (wpa_cli_send(cmd, nullptr, nullptr) == 0)
 		return true;
@@ -150,16 +150,8 @@ int wpa_select()
 		return -1;
 	if (wifi_sta_reconfig({view(sec), view(ssid), view(pass)}) != 0)
 		return -1;
-	return send("RECONFIGURE", "WiFi: Send reconfigure to WPA failed") &&
-	       send("SELECT_NETWORK 0", "WiFi: Send select network to WPA failed") ? 0 : -1;
-}
-
-int wpa_connect()
-{
-	if (wpa_select() == 0)
-		return 0;
-	puts("WiFi: Do STA connect by wpa_supplicant failed");
-	return -1;
+	return request("RECONFIGURE", "WiFi: Send reconfigure to WPA failed") &&
+	       request("SELECT_NETWORK 0", "WiFi: Send select network to WPA failed") ? 0 : -1;
 }
 
 void rt_set(const char *key, std::string_view text) { hx::conf::set(Store::rtconf, key, text); }
@@ -288,7 +280,10 @@ int wifi_sta_connect()
 	case Tool::wt:
 		return wt_connect();
 	case Tool::wpa:
-		return wpa_connect();
+		if (wpa_select() == 0)
+			return 0;
+		puts("WiFi: Do STA connect by wpa_supplicant failed");
+		return -1;
 	case Tool::none:
 		break;
 	}
@@ -303,7 +298,7 @@ int wifi_sta_disconnect()
 		do_system("iwpriv mlan0 deauth");
 		return 0;
 	case Tool::wpa:
-		return send("REMOVE_NETWORK 0", "WiFi: Send REMOVE to WPA failed") ? 0 : -1;
+		return request("REMOVE_NETWORK 0", "WiFi: Send REMOVE to WPA failed") ? 0 : -1;
 	case Tool::none:
 		break;
 	}

@@ -50,9 +50,8 @@ struct WpaCliClient {
 namespace {
 
 // Engaged from the first initialisation on, also after one that failed, so
-// that handlers can be registered; attached only once the reader runs.
+// that handlers can be registered; attached once its reader runs.
 std::optional<WpaCliClient> client;
-bool attached;
 
 std::optional<std::string> choose_ifname()
 {
@@ -114,7 +113,7 @@ void show_event(char *msg, size_t) { printf("WPACli: Show event message from WPA
 
 int wpa_cli_init()
 {
-	if (attached)
+	if (client && client->bev)
 		return 0;
 	WpaCliClient &c = client.emplace();
 	c.ifname = choose_ifname();
@@ -122,7 +121,6 @@ int wpa_cli_init()
 		client.emplace();
 		return -1;
 	}
-	attached = true;
 	puts("WPACli: Initialize interface for wpa_supplicant successful");
 	return 0;
 }
@@ -132,7 +130,6 @@ void wpa_cli_deinit()
 	if (client && client->mon_conn)
 		wpa_ctrl_detach(client->mon_conn.get());
 	client.reset();
-	attached = false;
 }
 
 void wpa_cli_event_dispatch(const char *msg)
