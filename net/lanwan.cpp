@@ -32,8 +32,6 @@ using Text = tl::expected<std::string, hx::conf::Error>;
 
 constexpr size_t cmd_size = 256;
 constexpr size_t field_size = 64;
-constexpr const char *slot_keys[] = {"wan_sta_ssid", "wan_sta_sec", "wan_sta_pass",
-				     "wan_sta_trustmode"};
 
 // Settings are read into fields of 64 bytes: a longer text is cut there.
 Text field(Text text)
@@ -111,13 +109,14 @@ constexpr WanMode wan_modes[] = {
 // A slot's SSID, "" when it cannot be read.
 std::string ssid_of(const char *key) { return sys(key).value_or(""); }
 
-// Slot n's hotspot becomes the current one, with the WAN type of its
+// The slot's hotspot becomes the current one, with the WAN type of its
 // trust mode ("" for a text outside the table).
-void use_slot(char n)
+void use_slot(const char *const (&keys)[4])
 {
-	for (const char *key : {"wan_sta_ssid", "wan_sta_sec", "wan_sta_pass"})
-		sysConfCopy(key, (key + std::string(1, n)).c_str());
-	Text mode = sys(hx::format("wan_sta_trustmode%c", n).c_str());
+	sysConfCopy("wan_sta_ssid", keys[0]);
+	sysConfCopy("wan_sta_sec", keys[1]);
+	sysConfCopy("wan_sta_pass", keys[2]);
+	Text mode = sys(keys[3]);
 	auto found = std::find_if(std::begin(hx::wifi::trust_modes), std::end(hx::wifi::trust_modes),
 				  [&](const hx::wifi::TrustMode &m) { return mode && *mode == m.text; });
 	bool known = found != std::end(hx::wifi::trust_modes);
@@ -143,14 +142,6 @@ int dhcp_success(const char *)
 	return gw_profiles_set();
 }
 
-int dhcp_failed(const char *)
-{
-	rt_set("wifi_sta_status", "\"Disconnected\"");
-	wan_service_stop();
-	wl_disconnect();
-	return 0;
-}
-
 struct SysEvent {
 	std::string_view name;
 	int (*run)(const char *arg);
@@ -158,7 +149,12 @@ struct SysEvent {
 
 constexpr SysEvent sys_events[] = {
 	{"SYS_EVENT_DHCP_SUCCESS", dhcp_success},
-	{"SYS_EVENT_DHCP_FAILED", dhcp_failed},
+	{"SYS_EVENT_DHCP_FAILED", [](const char *) {
+		 rt_set("wifi_sta_status", "\"Disconnected\"");
+		 wan_service_stop();
+		 wl_disconnect();
+		 return 0;
+	 }},
 	{"SYS_EVENT_WIFI_LOADED", [](const char *) { wan_auto(); return 0; }},
 	{"TDLS_EVENT_RESOLVE_SUCCESS",
 	 [](const char *arg) { if (arg != nullptr) wifi_sta_tdls_setup(arg); return 0; }},
@@ -314,10 +310,10 @@ int wan_auto()
 	}
 	if (!ssid2.empty() && ssid2 == current) {
 		// The hotspot in use becomes slot 1.
-		for (const char *key : slot_keys)
-			sysConfSwap((key + std::string("1")).c_str(), (key + std::string("2")).c_str());
+		for (size_t k = 0; k < std::size(hx::wifi::slot_keys[0]); k++)
+			sysConfSwap(hx::wifi::slot_keys[0][k], hx::wifi::slot_keys[1][k]);
 	} else {
-		use_slot('1');
+		use_slot(hx::wifi::slot_keys[0]);
 		puts("WiFi: Wan auto connecting by wan_sta_ssid1");
 	}
 	arm_fallback(ssid2);
@@ -327,7 +323,7 @@ int wan_auto()
 int wan_auto_retry_handler()
 {
 	if (!ssid_of("wan_sta_ssid2").empty()) {
-		use_slot('2');
+		use_slot(hx::wifi::slot_keys[1]);
 		wan_restart();
 	}
 	rt_set("wan_auto_retry_times", "0");

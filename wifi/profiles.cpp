@@ -24,16 +24,12 @@ using hx::conf::Store;
 
 enum Field { id, essid, encrypt, pass, workmode };
 constexpr const char *members[] = {"id", "essid", "encrypt", "pass", "workmode"};
-constexpr size_t profiles_max = 2;
-constexpr const char *slot_keys[profiles_max][4] = {
-	{"wan_sta_ssid1", "wan_sta_sec1", "wan_sta_pass1", "wan_sta_trustmode1"},
-	{"wan_sta_ssid2", "wan_sta_sec2", "wan_sta_pass2", "wan_sta_trustmode2"},
-};
+constexpr size_t profiles_max = std::size(hx::wifi::slot_keys);
 constexpr Field slot_fields[] = {essid, encrypt, pass, workmode};
 
-// Each field is JSON text as stored (a string keeps its quotes); nothing
-// when the key it comes from is missing.
-using Profile = std::array<std::optional<std::string>, std::size(members)>;
+// Each field is JSON text as stored (a string keeps its quotes); empty when
+// the key it comes from is missing, as no stored value is empty.
+using Profile = std::array<std::string, std::size(members)>;
 // The older profile first.
 using Profiles = std::vector<Profile>;
 
@@ -50,9 +46,9 @@ std::string workmode_text()
 
 Profile profile_json_new()
 {
-	return {hx::format("%d", rand()), hx::conf::get(Store::sysconf, "wan_sta_ssid"),
-		hx::conf::get(Store::sysconf, "wan_sta_sec"),
-		hx::conf::get(Store::sysconf, "wan_sta_pass"), workmode_text()};
+	auto text = [](const char *key) { return hx::conf::get(Store::sysconf, key).value_or(""); };
+	return {hx::format("%d", rand()), text("wan_sta_ssid"), text("wan_sta_sec"),
+		text("wan_sta_pass"), workmode_text()};
 }
 
 // A missing member (or null) gives the text "null".
@@ -85,21 +81,21 @@ std::optional<Profiles> approfiles_sysconf_get()
 	}
 	for (size_t i = 0; i < n; i++)
 		_gw_debugx("%s: profile %d: id %s, essid %s, encrypt %s, workmode %s.\n", __func__,
-			   static_cast<int>(i), list[i][id]->c_str(), list[i][essid]->c_str(),
-			   list[i][encrypt]->c_str(), list[i][workmode]->c_str());
+			   static_cast<int>(i), list[i][id].c_str(), list[i][essid].c_str(),
+			   list[i][encrypt].c_str(), list[i][workmode].c_str());
 	return list;
 }
 
 bool same_essid(const Profile &p, const char *essid_text)
 {
-	return p[essid] && essid_text != nullptr && *p[essid] == essid_text;
+	return !p[essid].empty() && p[essid] == essid_text;
 }
 
 // The same SSID replaces its profile in place; a third one drops the oldest.
 void approfiles_add(Profiles &list, Profile p)
 {
 	auto same = std::find_if(list.begin(), list.end(), [&](const Profile &q) {
-		return p[essid] && same_essid(q, p[essid]->c_str());
+		return same_essid(q, p[essid].c_str());
 	});
 	if (same != list.end()) {
 		*same = std::move(p);
@@ -115,11 +111,11 @@ hx::json::Ptr profile_to_json(const Profile &p)
 {
 	hx::json::Ptr object(json_object_new_object());
 	for (size_t f = 0; object && f < p.size(); f++) {
-		if (!p[f])
+		if (p[f].empty())
 			return nullptr;
 		// Unlike json_tokener_parse, this tells the text "null" from an error.
 		json_tokener_error error;
-		json_object *member = json_tokener_parse_verbose(p[f]->c_str(), &error);
+		json_object *member = json_tokener_parse_verbose(p[f].c_str(), &error);
 		if (error != json_tokener_success)
 			return nullptr;
 		json_object_object_add(object.get(), members[f], member);
@@ -162,8 +158,8 @@ int approfiles_wan_sta_key_set(const Profiles &list)
 	for (size_t i = 0; i < profiles_max; i++) {
 		for (size_t k = 0; k < std::size(slot_fields); k++) {
 			std::string value = i < list.size()
-				? format_literal(list[i][slot_fields[k]].value_or("")) : "\"\"";
-			if (hx::conf::set(Store::sysconf, slot_keys[i][k], value) != 0)
+				? format_literal(list[i][slot_fields[k]]) : "\"\"";
+			if (hx::conf::set(Store::sysconf, hx::wifi::slot_keys[i][k], value) != 0)
 				return -1;
 		}
 	}

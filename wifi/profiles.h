@@ -17,6 +17,12 @@ int gw_wan_status_check(const char *essid_text);
 const char *_revalidate_apProfiles(json_object *value, json_object *reply_arguments, void *deferred);
 
 namespace hx::wifi {
+// The keys of the two remembered hotspots, older first: SSID, security
+// word, pass phrase, trust mode.
+inline constexpr const char *slot_keys[2][4] = {
+	{"wan_sta_ssid1", "wan_sta_sec1", "wan_sta_pass1", "wan_sta_trustmode1"},
+	{"wan_sta_ssid2", "wan_sta_sec2", "wan_sta_pass2", "wan_sta_trustmode2"},
+};
 // The WAN types that use the station, and the trust-mode text that the
 // profile slots keep for each.
 struct TrustMode {
