@@ -9,6 +9,7 @@
 #include "ipc/handlers.h"
 #include "ipc/ipc.h"
 #include "ipc/registry.h"
+#include "net/lanwan.h"
 
 namespace {
 
@@ -111,6 +112,8 @@ int ipc_init()
 {
 	infos_init();
 	revalidates_init();
+	/* The station reports to the WAN that drives it. */
+	hx::net::lanwan_init();
 	return confIndexInit() == 0 ? 0 : -1;
 }
 

@@ -1,240 +1,297 @@
-/* Part 4.2: LAN and WAN control. */
-#include <stdarg.h>
+// LAN and WAN control: the LAN bridge, the WAN modes over the station, the
+// services that follow the upstream link, the choice between the two
+// remembered hotspots and the system events of the DHCP client scripts.
+#include "net/lanwan.h"
+
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/sysinfo.h>
 #include <unistd.h>
 
-#include <json-c/json.h>
+#include <algorithm>
+#include <optional>
+#include <string>
+#include <string_view>
 
 #include "conf/confdb.h"
-#include "conf/confjson.h"
+#include "conf/store.h"
+#include "core/fmt.h"
 #include "core/util.h"
-#include "ipc/registry.h"
-#include "net/net.h"
-#include "wifi/wifi.h"
+#include "ipc/target.h"
+#include "net/dhcp.h"
+#include "net/ifstat.h"
+#include "wifi/ap.h"
+#include "wifi/profiles.h"
+#include "wifi/scan.h"
+#include "wifi/sta.h"
 
-#define UDHCPC_PID "/var/run/udhcpc.pid"
+namespace {
 
-/* 0 when the interface holds an IPv4 address, else 2 while the DHCP client
- * runs, else 1. */
-static int
-wan_link_state(const char *ifname)
+using hx::conf::Store;
+using Text = tl::expected<std::string, hx::conf::Error>;
+
+constexpr size_t cmd_size = 256;
+constexpr size_t field_size = 64;
+
+// Settings are read into fields of 64 bytes: a longer text is cut there.
+Text field(Text text)
 {
-	struct if_record rec;
-
-	if (if_fetch(ifname, &rec) == 0 && rec.has_ipv4)
-		return 0;
-	return access(UDHCPC_PID, F_OK) == 0 ? 2 : 1;
+	if (text && text->size() >= field_size)
+		text->resize(field_size - 1);
+	return text;
 }
 
-int
-wan_get_state(void)
+Text sys(const char *key) { return field(hx::conf::text(Store::sysconf, key)); }
+Text rt(const char *key) { return field(hx::conf::text(Store::rtconf, key)); }
+void rt_set(const char *key, std::string_view text) { hx::conf::set(Store::rtconf, key, text); }
+
+// A stored interface name or address reaches the shell unquoted: one with
+// a character the shell would interpret is refused like a key that cannot
+// be read.
+std::optional<std::string> sys_word(const char *key)
 {
-	struct json_object *type, *wan_if, *rt_wan_if;
-	const char *name;
-	int state = -1;
-
-	if (confGetJson(CONF_SYSCONF, "wan_type", &type) != 0)
-		return -1;
-	if (confGetJson(CONF_SYSCONF, "wan_if", &wan_if) != 0)
-		goto put_type;
-	if (confGetJson(CONF_RTCONF, "wan_if", &rt_wan_if) != 0)
-		goto put_wan_if;
-	name = json_object_get_string(type);
-	if (strcmp(name, "none") == 0) {
-		puts("***** wan_type: none *****");
-		state = 1;
-	} else if (strcmp(name, "wireless_sta_trust") != 0 &&
-		   strcmp(name, "wireless_sta") != 0) {
-		puts("***** what? *****");	/* "wireless_sta_private" too */
-		state = 1;
-	} else {
-		state = wan_link_state(json_object_get_string(rt_wan_if));
-	}
-	json_object_put(rt_wan_if);
-put_wan_if:
-	json_object_put(wan_if);
-put_type:
-	json_object_put(type);
-	return state;
-}
-
-unsigned long
-wan_get_uptime(void)
-{
-	struct json_object *value;
-	struct sysinfo info;
-	unsigned long start;
-
-	if (confGetJson(CONF_RTCONF, "wan_uptime", &value) != 0)
-		return (unsigned long)-1;
-	start = strtoul(json_object_get_string(value), NULL, 10);
-	json_object_put(value);
-	printf("uptime_start:%ld\n", (long)start);
-	if (sysinfo(&info) != 0)
-		return (unsigned long)-1;
-	return (unsigned long)info.uptime - start;
-}
-
-#define CMD_SIZE 256
-#define NAME_SIZE 64
-
-static int
-sys_string(const char *key, char *buf, size_t size)
-{
-	return confGetString(CONF_SYSCONF, key, buf, size) == 0 ? 0 : -1;
-}
-
-/* A stored interface name or address that reaches the shell unquoted: a
- * text with any character that gwutil_shell_safe refuses is refused (-1),
- * as a key that cannot be read (DESIGN.md section 8). */
-static int
-sys_word(const char *key, char *buf, size_t size)
-{
-	if (sys_string(key, buf, size) != 0)
-		return -1;
-	if (gwutil_shell_safe(buf))
-		return 0;
+	Text text = sys(key);
+	if (!text)
+		return std::nullopt;
+	if (gwutil_shell_safe(text->c_str()))
+		return std::move(*text);
 	printf("%s refused: unsafe characters\n", key);
-	return -1;
+	return std::nullopt;
 }
 
-int
-dlna_restart(void)
+int set_lan_if(const char *lan_if)
+{
+	return hx::conf::set(Store::rtconf, "lan_if", hx::format("\"%s\"", lan_if));
+}
+
+int lan_set_bridge(const char *lan_if, const char *wan_if)
+{
+	dhcp_stop();
+	wan_stop();
+	if (do_systemf(cmd_size, "/usr/sbin/brctl addif %s %s", lan_if, wan_if) != 0 ||
+	    do_systemf(cmd_size, "/sbin/udhcpc -i  %s -H $(/bin/hostname) -p /var/run/udhcpc_lan.pid"
+		       " -b -s /etc/app/gw_udhcpc_lan.script -S &", lan_if) != 0)
+		return -1;
+	return set_lan_if(lan_if);
+}
+
+int lan_set_router(const std::string &lan_if)
+{
+	std::optional<std::string> ipaddr = sys_word("lan_ipaddr");
+	std::optional<std::string> netmask = ipaddr ? sys_word("lan_netmask") : std::nullopt;
+	if (!netmask || do_systemf(cmd_size, "/sbin/ifconfig %s %s netmask %s ", lan_if.c_str(),
+				   ipaddr->c_str(), netmask->c_str()) != 0)
+		return -1;
+	Text stp = sys("lan_bridgestp");
+	const char *lan = lan_if.c_str();
+	const char *on = stp && *stp == "on" ? "on" : "off";
+	if (do_systemf(cmd_size, "/usr/sbin/brctl stp %s %s", lan, on) != 0 ||
+	    do_systemf(cmd_size, "/usr/sbin/brctl setfd %s 0", lan) != 0 ||
+	    do_systemf(cmd_size, "/usr/sbin/brctl sethello %s 1", lan) != 0 || set_lan_if(lan) != 0)
+		return -1;
+	do_system("/usr/sbin/lan_callup.sh > /dev/console 2>&1 &");
+	return 0;
+}
+
+struct WanMode {
+	std::string_view type;
+	const char *line;
+	bool station;
+};
+
+constexpr WanMode wan_modes[] = {
+	{"none", "[SYS] Enter AP only mode.", false},
+	{"wireless_sta_trust", "[SYS] Enter STA only mode.", true},
+	{"wireless_sta", "[SYS] Enter Public Bridge (AP+STA, firewall open) mode.", true},
+	{"wireless_sta_private", "[SYS] Enter Public Bridge (AP+STA, firewall close) mode.", true},
+};
+
+// A slot's SSID, "" when it cannot be read.
+std::string ssid_of(const char *key) { return sys(key).value_or(""); }
+
+// The slot's hotspot becomes the current one, with the WAN type of its
+// trust mode ("" for a text outside the table).
+void use_slot(const char *const (&keys)[4])
+{
+	sysConfCopy("wan_sta_ssid", keys[0]);
+	sysConfCopy("wan_sta_sec", keys[1]);
+	sysConfCopy("wan_sta_pass", keys[2]);
+	Text mode = sys(keys[3]);
+	auto found = std::find_if(std::begin(hx::wifi::trust_modes), std::end(hx::wifi::trust_modes),
+				  [&](const hx::wifi::TrustMode &m) { return mode && *mode == m.text; });
+	bool known = found != std::end(hx::wifi::trust_modes);
+	hx::conf::set(Store::sysconf, "wan_type", known ? hx::format("\"%s\"", found->wan_type) : "");
+}
+
+// Nothing else arms the one fall-back to slot 2, so wan_auto does when slot
+// 2 holds a hotspot; not while the WAN is up, since tearing that link down
+// posts a disconnection that would fall back at once.
+void arm_fallback(const std::string &ssid2)
+{
+	Text status = rt("wan_status");
+	if (!ssid2.empty() && !(status && *status == "WAN_UP"))
+		rt_set("wan_auto_retry_times", "1");
+}
+
+int dhcp_success(const char *)
+{
+	rt_set("wan_status", "\"WAN_UP\"");
+	rt_set("wifi_sta_status", "\"Connected\"");
+	wan_service_start();
+	check_wifi_ap_status();
+	return gw_profiles_set();
+}
+
+struct SysEvent {
+	std::string_view name;
+	int (*run)(const char *arg);
+};
+
+constexpr SysEvent sys_events[] = {
+	{"SYS_EVENT_DHCP_SUCCESS", dhcp_success},
+	{"SYS_EVENT_DHCP_FAILED", [](const char *) {
+		 rt_set("wifi_sta_status", "\"Disconnected\"");
+		 wan_service_stop();
+		 wl_disconnect();
+		 return 0;
+	 }},
+	{"SYS_EVENT_WIFI_LOADED", [](const char *) { wan_auto(); return 0; }},
+	{"TDLS_EVENT_RESOLVE_SUCCESS",
+	 [](const char *arg) { if (arg != nullptr) wifi_sta_tdls_setup(arg); return 0; }},
+};
+
+using hx::ipc::run;
+
+constexpr hx::ipc::Action wan_actions[] = {
+	{"restart", run<wan_restart>},
+	{"start", run<wan_start>},
+	{"auto", run<wan_auto>},
+	{"stop", run<wan_stop>},
+};
+
+constexpr hx::ipc::Action lan_actions[] = {
+	{"start", run<lan_set>},
+	{"restart", run<lan_set>},
+};
+
+}  // namespace
+
+void hx::net::lanwan_init()
+{
+	hx::wifi::set_wan_link({wan_stop, wan_service_stop, ctrl_interface, wan_auto_retry_handler});
+}
+
+int wan_get_state()
+{
+	Text type = sys("wan_type"), wan_if = sys("wan_if"), rt_wan_if = rt("wan_if");
+	if (!type || !wan_if || !rt_wan_if)
+		return -1;
+	if (*type == "none") {
+		puts("***** wan_type: none *****");
+		return 1;
+	}
+	if (*type != "wireless_sta_trust" && *type != "wireless_sta") {
+		puts("***** what? *****");	// "wireless_sta_private" too
+		return 1;
+	}
+	if_record rec;
+	if (if_fetch(rt_wan_if->c_str(), &rec) == 0 && rec.has_ipv4)
+		return 0;
+	return access("/var/run/udhcpc.pid", F_OK) == 0 ? 2 : 1;
+}
+
+unsigned long wan_get_uptime()
+{
+	Text value = hx::conf::text(Store::rtconf, "wan_uptime");
+	if (!value)
+		return static_cast<unsigned long>(-1);
+	unsigned long start = strtoul(value->c_str(), nullptr, 10);
+	printf("uptime_start:%ld\n", static_cast<long>(start));
+	struct sysinfo info;
+	if (sysinfo(&info) != 0)
+		return static_cast<unsigned long>(-1);
+	return static_cast<unsigned long>(info.uptime) - start;
+}
+
+int dlna_restart()
 {
 	do_system("/etc/demo/minidlna_stop.sh");
 	do_system("/etc/demo/minidlna_start.sh &");
 	return 0;
 }
 
-int
-ctrl_interface(const char *ifname, int up)
+int ctrl_interface(const char *ifname, int up)
 {
-	if (up == 0)
-		return do_systemf(CMD_SIZE, "/sbin/ifconfig %s down", ifname);
-	if (up == 1)
-		return do_systemf(CMD_SIZE, "/sbin/ifconfig %s up", ifname);
+	if (up == 0 || up == 1)
+		return do_systemf(cmd_size, up == 1 ? "/sbin/ifconfig %s up" : "/sbin/ifconfig %s down",
+				  ifname);
 	do_system("");
 	return 0;
 }
 
-static int
-lan_set_bridge(const char *lan_if, const char *wan_if)
+int lan_set()
 {
-	dhcp_stop();
-	wan_stop();
-	if (do_systemf(CMD_SIZE, "/usr/sbin/brctl addif %s %s", lan_if, wan_if) != 0 ||
-	    do_systemf(CMD_SIZE, "/sbin/udhcpc -i  %s -H $(/bin/hostname) -p /var/run/udhcpc_lan.pid -b -s /etc/app/gw_udhcpc_lan.script -S &", lan_if) != 0)
+	Text mode = sys("work_mode");
+	std::optional<std::string> wan_if = sys_word("wan_if");
+	std::optional<std::string> lan_if = wan_if ? sys_word("lan_if") : std::nullopt;
+	if (!lan_if)
 		return -1;
-	return confSetf(CONF_RTCONF, "lan_if", "\"%s\"", lan_if);
+	if (mode && *mode == "bridge")
+		return lan_set_bridge(lan_if->c_str(), wan_if->c_str());
+	return lan_set_router(*lan_if);
 }
 
-static int
-lan_set_router(const char *lan_if)
+int wan_start()
 {
-	char ipaddr[NAME_SIZE], netmask[NAME_SIZE], stp[NAME_SIZE];
-
-	if (sys_word("lan_ipaddr", ipaddr, sizeof(ipaddr)) != 0 ||
-	    sys_word("lan_netmask", netmask, sizeof(netmask)) != 0)
+	rt_set("wifi_sta_status", "\"Connecting\"");
+	std::optional<std::string> wan_if = sys_word("wan_if");
+	Text type = sys("wan_type");
+	if (!wan_if || !type ||
+	    do_systemf(cmd_size, "/usr/sbin/brctl delif br0 %s", wan_if->c_str()) != 0)
 		return -1;
-	if (do_systemf(CMD_SIZE, "/sbin/ifconfig %s %s netmask %s ", lan_if, ipaddr, netmask) != 0)
-		return -1;
-	if (sys_string("lan_bridgestp", stp, sizeof(stp)) != 0)
-		stp[0] = '\0';
-	if (do_systemf(CMD_SIZE, "/usr/sbin/brctl stp %s %s", lan_if, strcmp(stp, "on") == 0 ? "on" : "off") != 0 ||
-	    do_systemf(CMD_SIZE, "/usr/sbin/brctl setfd %s 0", lan_if) != 0 ||
-	    do_systemf(CMD_SIZE, "/usr/sbin/brctl sethello %s 1", lan_if) != 0 ||
-	    confSetf(CONF_RTCONF, "lan_if", "\"%s\"", lan_if) != 0)
-		return -1;
-	do_system("/usr/sbin/lan_callup.sh > /dev/console 2>&1 &");
+	auto mode = std::find_if(std::begin(wan_modes), std::end(wan_modes),
+				 [&](const WanMode &m) { return m.type == *type; });
+	bool known = mode != std::end(wan_modes);
+	puts(known ? mode->line : "[SYS] wan_type setting ERROR!");
+	if (known && mode->station)
+		wl_connect();
 	return 0;
 }
 
-int
-lan_set(void)
-{
-	char mode[NAME_SIZE], wan_if[NAME_SIZE], lan_if[NAME_SIZE];
-	int bridge = sys_string("work_mode", mode, sizeof(mode)) == 0 &&
-		     strcmp(mode, "bridge") == 0;
-
-	if (sys_word("wan_if", wan_if, sizeof(wan_if)) != 0 ||
-	    sys_word("lan_if", lan_if, sizeof(lan_if)) != 0)
-		return -1;
-	return bridge ? lan_set_bridge(lan_if, wan_if) : lan_set_router(lan_if);
-}
-
-int
-wan_start(void)
-{
-	char wan_if[NAME_SIZE], type[NAME_SIZE];
-
-	confSetf(CONF_RTCONF, "wifi_sta_status", "\"Connecting\"");
-	if (sys_word("wan_if", wan_if, sizeof(wan_if)) != 0 ||
-	    sys_string("wan_type", type, sizeof(type)) != 0)
-		return -1;
-	if (do_systemf(CMD_SIZE, "/usr/sbin/brctl delif br0 %s", wan_if) != 0)
-		return -1;
-	if (strcmp(type, "none") == 0) {
-		puts("[SYS] Enter AP only mode.");
-		return 0;
-	}
-	if (strcmp(type, "wireless_sta_trust") == 0)
-		puts("[SYS] Enter STA only mode.");
-	else if (strcmp(type, "wireless_sta") == 0)
-		puts("[SYS] Enter Public Bridge (AP+STA, firewall open) mode.");
-	else if (strcmp(type, "wireless_sta_private") == 0)
-		puts("[SYS] Enter Public Bridge (AP+STA, firewall close) mode.");
-	else {
-		puts("[SYS] wan_type setting ERROR!");
-		return 0;
-	}
-	wl_connect();
-	return 0;
-}
-
-int
-wan_stop(void)
+int wan_stop()
 {
 	wan_service_stop();
 	wl_disconnect();
 	return 0;
 }
 
-int
-wan_restart(void)
+int wan_restart()
 {
 	wan_stop();
 	return wan_start();
 }
 
-int
-wan_service_start(void)
+int wan_service_start()
 {
-	char type[NAME_SIZE];
-
 	dhcp_restart();
 	do_system("/etc/app/gw_ssdpd.sh > /dev/null 2>&1");
 	dlna_restart();
-	if (sys_string("wan_type", type, sizeof(type)) != 0)
+	Text type = sys("wan_type");
+	if (!type)
 		return -1;
-	if (strcmp(type, "wireless_sta_trust") != 0)
+	if (*type != "wireless_sta_trust")
 		do_system("/etc/app/gw_simplefw.sh > /dev/null 2>&1");
 	return 0;
 }
 
-int
-wan_service_stop(void)
+int wan_service_stop()
 {
-	char wan_if[NAME_SIZE];
-
 	do_system("/usr/bin/killall udhcpc >/dev/null 2>&1");
-	confSetf(CONF_RTCONF, "wan_status", "\"WAN_DOWN\"");
-	confSetf(CONF_RTCONF, "wan_if", "\"\"");
-	confSetf(CONF_RTCONF, "wan_up_time", "\"\"");
-	if (sys_word("wan_if", wan_if, sizeof(wan_if)) != 0 ||
-	    do_systemf(CMD_SIZE, "/sbin/ifconfig %s 0.0.0.0", wan_if) != 0)
+	rt_set("wan_status", "\"WAN_DOWN\"");
+	rt_set("wan_if", "\"\"");
+	rt_set("wan_up_time", "\"\"");
+	std::optional<std::string> wan_if = sys_word("wan_if");
+	if (!wan_if || do_systemf(cmd_size, "/sbin/ifconfig %s 0.0.0.0", wan_if->c_str()) != 0)
 		return -1;
 	do_system("/sbin/ifconfig mlan0 0.0.0.0 > /dev/null 2>&1");
 	do_system("/etc/app/gw_simplefw.sh reset> /dev/null 2>&1");
@@ -243,237 +300,93 @@ wan_service_stop(void)
 	return 0;
 }
 
-/* The WAN type of a slot's trust-mode text; "" for a text outside the table. */
-static const char *
-trustmode_wan_type(const char *key)
+int wan_auto()
 {
-	char mode[NAME_SIZE];
-
-	if (sys_string(key, mode, sizeof(mode)) != 0)
-		return "";
-	if (strcmp(mode, "Station Mode") == 0)
-		return "\"wireless_sta_trust\"";
-	if (strcmp(mode, "Public Bridge Mode") == 0)
-		return "\"wireless_sta\"";
-	if (strcmp(mode, "Private Bridge Mode") == 0)
-		return "\"wireless_sta_private\"";
-	return "";
-}
-
-static int
-wan_auto_swap(void)
-{
-	static const char *const keys[] = { "wan_sta_ssid", "wan_sta_sec",
-					     "wan_sta_pass", "wan_sta_trustmode" };
-	char a[NAME_SIZE], b[NAME_SIZE];
-	size_t i;
-
-	for (i = 0; i < sizeof(keys) / sizeof(keys[0]); i++) {
-		snprintf(a, sizeof(a), "%s1", keys[i]);
-		snprintf(b, sizeof(b), "%s2", keys[i]);
-		sysConfSwap(a, b);
-	}
-	return 0;
-}
-
-/* Slot n's hotspot becomes the current one ("wan_sta_ssid", "wan_sta_sec",
- * "wan_sta_pass" and "wan_type"). */
-static void
-wan_use_slot(int n)
-{
-	char src[NAME_SIZE];
-
-	snprintf(src, sizeof(src), "wan_sta_ssid%d", n);
-	sysConfCopy("wan_sta_ssid", src);
-	snprintf(src, sizeof(src), "wan_sta_sec%d", n);
-	sysConfCopy("wan_sta_sec", src);
-	snprintf(src, sizeof(src), "wan_sta_pass%d", n);
-	sysConfCopy("wan_sta_pass", src);
-	snprintf(src, sizeof(src), "wan_sta_trustmode%d", n);
-	confSetf(CONF_SYSCONF, "wan_type", "%s", trustmode_wan_type(src));
-}
-
-static void
-slot_ssid(const char *key, char *buf, size_t size)
-{
-	if (sys_string(key, buf, size) != 0)
-		buf[0] = '\0';
-}
-
-/* Nothing else arms the one fall-back to slot 2, so wan_auto does when slot 2
- * holds a hotspot; not while the WAN is up, since tearing that link down
- * posts a disconnection that would fall back at once. */
-static void
-wan_auto_arm(const char *ssid2)
-{
-	char status[NAME_SIZE];
-
-	if (ssid2[0] == '\0')
-		return;
-	if (confGetString(CONF_RTCONF, "wan_status", status, sizeof(status)) == 0 &&
-	    strcmp(status, "WAN_UP") == 0)
-		return;
-	confSetf(CONF_RTCONF, "wan_auto_retry_times", "1");
-}
-
-int
-wan_auto(void)
-{
-	char current[NAME_SIZE], ssid1[NAME_SIZE], ssid2[NAME_SIZE];
-
-	slot_ssid("wan_sta_ssid", current, sizeof(current));
-	slot_ssid("wan_sta_ssid1", ssid1, sizeof(ssid1));
-	slot_ssid("wan_sta_ssid2", ssid2, sizeof(ssid2));
-	if (ssid1[0] == '\0') {
+	std::string current = ssid_of("wan_sta_ssid"), ssid1 = ssid_of("wan_sta_ssid1"),
+		    ssid2 = ssid_of("wan_sta_ssid2");
+	if (ssid1.empty()) {
 		puts("Wifi: No suitable prefer BSS, stop wan auto connecting");
 		return 0;
 	}
-	if (ssid2[0] != '\0' && strcmp(ssid2, current) == 0) {
-		wan_auto_swap();
+	if (!ssid2.empty() && ssid2 == current) {
+		// The hotspot in use becomes slot 1.
+		for (size_t k = 0; k < std::size(hx::wifi::slot_keys[0]); k++)
+			sysConfSwap(hx::wifi::slot_keys[0][k], hx::wifi::slot_keys[1][k]);
 	} else {
-		wan_use_slot(1);
+		use_slot(hx::wifi::slot_keys[0]);
 		puts("WiFi: Wan auto connecting by wan_sta_ssid1");
 	}
-	wan_auto_arm(ssid2);
+	arm_fallback(ssid2);
 	return wan_restart();
 }
 
-int
-wan_auto_retry_handler(void)
+int wan_auto_retry_handler()
 {
-	char ssid2[NAME_SIZE];
-
-	slot_ssid("wan_sta_ssid2", ssid2, sizeof(ssid2));
-	if (ssid2[0] != '\0') {
-		wan_use_slot(2);
+	if (!ssid_of("wan_sta_ssid2").empty()) {
+		use_slot(hx::wifi::slot_keys[1]);
 		wan_restart();
 	}
-	confSetf(CONF_RTCONF, "wan_auto_retry_times", "0");
+	rt_set("wan_auto_retry_times", "0");
 	return 0;
 }
 
-int
-check_wifi_ap_status(void)
+int check_wifi_ap_status()
 {
-	char type[NAME_SIZE], lan_if[NAME_SIZE];
-
-	if (sys_string("wan_type", type, sizeof(type)) != 0 ||
-	    strcmp(type, "wireless_sta_trust") != 0)
+	Text type = sys("wan_type");
+	if (!type || *type != "wireless_sta_trust")
 		return 0;
 	wifi_ap_stop();
-	if (confGetString(CONF_RTCONF, "lan_if", lan_if, sizeof(lan_if)) == 0)
-		ctrl_interface(lan_if, 0);
+	if (Text lan_if = rt("lan_if"))
+		ctrl_interface(lan_if->c_str(), 0);
 	return 1;
 }
 
-int
-check_wifi_fw_version(void)
+int check_wifi_fw_version()
 {
-	struct json_object *mode;
-	char type[NAME_SIZE];
-	int fw_mode;
-
-	if (sys_string("wan_type", type, sizeof(type)) != 0 ||
-	    confGetJson(CONF_SYSCONF, "wl_fw_mode", &mode) != 0)
+	Text type = sys("wan_type");
+	auto mode = hx::conf::json(Store::sysconf, "wl_fw_mode");
+	if (!type || !mode)
 		return 0;
-	fw_mode = json_object_get_int(mode);
-	json_object_put(mode);
-	if (fw_mode == 0 && strcmp(type, "wireless_sta") == 0)
-		confSetf(CONF_SYSCONF, "wl_fw_mode", "1");
-	else if (fw_mode == 1 && strcmp(type, "wireless_sta_trust") == 0)
-		confSetf(CONF_SYSCONF, "wl_fw_mode", "0");
-	else
+	int fw_mode = json_object_get_int(mode->get());
+	bool to_bridge = fw_mode == 0 && *type == "wireless_sta";
+	if (!to_bridge && !(fw_mode == 1 && *type == "wireless_sta_trust"))
 		return 0;
+	hx::conf::set(Store::sysconf, "wl_fw_mode", to_bridge ? "1" : "0");
 	wifi_ap_reconfig();
 	wifi_restart();
 	return 1;
 }
 
-int
-sys_event_handler(const char *event, const char *arg)
+int sys_event_handler(const char *event, const char *arg)
 {
-	if (event == NULL)
+	if (event == nullptr)
 		return -1;
-	if (strcmp(event, "SYS_EVENT_DHCP_SUCCESS") == 0) {
-		confSetf(CONF_RTCONF, "wan_status", "\"WAN_UP\"");
-		confSetf(CONF_RTCONF, "wifi_sta_status", "\"Connected\"");
-		wan_service_start();
-		check_wifi_ap_status();
-		return gw_profiles_set();
-	}
-	if (strcmp(event, "SYS_EVENT_DHCP_FAILED") == 0) {
-		confSetf(CONF_RTCONF, "wifi_sta_status", "\"Disconnected\"");
-		wan_service_stop();
-		wl_disconnect();
-	} else if (strcmp(event, "SYS_EVENT_WIFI_LOADED") == 0) {
-		wan_auto();
-	} else if (strcmp(event, "TDLS_EVENT_RESOLVE_SUCCESS") == 0 && arg != NULL) {
-		wifi_sta_tdls_setup(arg);
-	}
-	return 0;
+	auto found = std::find_if(std::begin(sys_events), std::end(sys_events),
+				  [&](const SysEvent &e) { return e.name == event; });
+	return found != std::end(sys_events) ? found->run(arg) : 0;
 }
 
-const char *
-_revalidate_wan(struct json_object *value, struct json_object *reply_arguments,
-		void *deferred)
+const char *_revalidate_wan(json_object *value, json_object *, void *)
 {
-	const char *error = ipc_target_check(value, "invalid arguments");
-	const char *name;
-
-	(void)reply_arguments;
-	(void)deferred;
-	if (error != NULL)
-		return error;
-	name = ipc_target_action(value);
-	if (name == NULL)
-		return NULL;
-	if (strcmp(name, "restart") == 0)
-		wan_restart();
-	else if (strcmp(name, "start") == 0)
-		wan_start();
-	else if (strcmp(name, "auto") == 0)
-		wan_auto();
-	else if (strcmp(name, "stop") == 0)
-		wan_stop();
-	return NULL;
+	return hx::ipc::run_target(value, {wan_actions});
 }
 
-const char *
-_revalidate_lan(struct json_object *value, struct json_object *reply_arguments,
-		void *deferred)
+const char *_revalidate_lan(json_object *value, json_object *, void *)
 {
-	const char *error = ipc_target_check(value, "invalid arguments");
-	const char *name;
-
-	(void)reply_arguments;
-	(void)deferred;
-	if (error != NULL)
-		return error;
-	name = ipc_target_action(value);
-	if (name != NULL && (strcmp(name, "start") == 0 || strcmp(name, "restart") == 0))
-		lan_set();
-	return NULL;
+	return hx::ipc::run_target(value, {lan_actions});
 }
 
-const char *
-_revalidate_sysEvent(struct json_object *value, struct json_object *reply_arguments,
-		     void *deferred)
+const char *_revalidate_sysEvent(json_object *value, json_object *, void *)
 {
-	struct json_object *arg;
-	const char *name;
-
-	(void)reply_arguments;
-	(void)deferred;
-	if (value == NULL)
+	// The scripts' events: a null one is refused without a line, and the
+	// event needs its argument.
+	if (value == nullptr)
 		return "invalid arguments";
-	if (!json_object_is_type(value, json_type_object)) {
-		puts("Unexpected json type.");
-		return "invalid arguments";
-	}
-	name = ipc_target_action(value);
-	if (name == NULL || !json_object_object_get_ex(value, "arg", &arg) ||
-	    !json_object_is_type(arg, json_type_string))
+	if (const char *error = hx::ipc::check_target(value, "invalid arguments"))
+		return error;
+	auto event = hx::json::string_member(value, "action");
+	auto arg = hx::json::string_member(value, "arg");
+	if (!event || !arg)
 		return "internal error";
-	return sys_event_handler(name, json_object_get_string(arg)) == 0 ?
-	       NULL : "internal error";
+	return sys_event_handler(event->data(), arg->data()) == 0 ? nullptr : "internal error";
 }

@@ -1,458 +1,248 @@
-/* Part 5.4: saved network profiles. */
-#include <stdio.h>
+// The saved hotspot profiles, kept twice in the persistent store: whole, as
+// the JSON array "ap_profile", and flattened into the two slots' keys that
+// the WAN reads.  Each load builds a fresh list.
+#include "wifi/profiles.h"
+
 #include <stdlib.h>
-#include <string.h>
 
-#include <event.h>
-#include <json-c/json.h>
+#include <algorithm>
+#include <array>
+#include <optional>
+#include <string>
+#include <vector>
 
-#include "conf/confdb.h"
-#include "conf/confjson.h"
+#include "conf/store.h"
+#include "core/fmt.h"
+#include "core/json.h"
 #include "core/log.h"
-#include "ipc/registry.h"
-#include "net/net.h"
-#include "wifi/wifi.h"
+#include "ipc/target.h"
+#include "wifi/sta.h"
 
-#define PROFILES_MAX 2
-#define PROFILE_FIELDS 5
+namespace {
 
-/* Each field is JSON text as stored (a string keeps its quotes); NULL when
- * the key it comes from is missing. */
-struct profile {
-	char *field[PROFILE_FIELDS];	/* id, essid, encrypt, pass, workmode */
-};
-enum { P_ID, P_ESSID, P_ENCRYPT, P_PASS, P_WORKMODE };
+using hx::conf::Store;
 
-struct approfiles {
-	int count;
-	struct profile *slot[PROFILES_MAX];
-};
+enum Field { id, essid, encrypt, pass, workmode };
+constexpr const char *members[] = {"id", "essid", "encrypt", "pass", "workmode"};
+constexpr size_t profiles_max = std::size(hx::wifi::slot_keys);
+constexpr Field slot_fields[] = {essid, encrypt, pass, workmode};
 
-static const char *const member[PROFILE_FIELDS] = {
-	"id", "essid", "encrypt", "pass", "workmode"
-};
+// Each field is JSON text as stored (a string keeps its quotes); empty when
+// the key it comes from is missing, as no stored value is empty.
+using Profile = std::array<std::string, std::size(members)>;
+// The older profile first.
+using Profiles = std::vector<Profile>;
 
-static const char *const slot_key[PROFILES_MAX * 4] = {
-	"wan_sta_ssid1", "wan_sta_sec1", "wan_sta_pass1", "wan_sta_trustmode1",
-	"wan_sta_ssid2", "wan_sta_sec2", "wan_sta_pass2", "wan_sta_trustmode2"
-};
+std::string quoted(std::string_view text) { return '"' + std::string(text) + '"'; }
 
-static void
-profile_free(struct profile *p)
+std::string workmode_text()
 {
-	int i;
-
-	if (p == NULL)
-		return;
-	for (i = 0; i < PROFILE_FIELDS; i++)
-		free(p->field[i]);
-	free(p);
+	std::optional<std::string> type = hx::conf::get(Store::sysconf, "wan_type");
+	for (const hx::wifi::TrustMode &mode : hx::wifi::trust_modes)
+		if (type == quoted(mode.wan_type))
+			return quoted(mode.text);
+	return "\"\"";
 }
 
-static void
-approfiles_free(struct approfiles *list)
+Profile profile_json_new()
 {
-	int i;
-
-	if (list == NULL)
-		return;
-	for (i = 0; i < list->count && i < PROFILES_MAX; i++)
-		profile_free(list->slot[i]);
-	free(list);
+	auto text = [](const char *key) { return hx::conf::get(Store::sysconf, key).value_or(""); };
+	return {hx::format("%d", rand()), text("wan_sta_ssid"), text("wan_sta_sec"),
+		text("wan_sta_pass"), workmode_text()};
 }
 
-static int
-approfiles_count_valid(const struct approfiles *list, const char *func)
+// A missing member (or null) gives the text "null".
+Profile profile_from_json(json_object *object)
 {
-	if (list->count < 0 || list->count > PROFILES_MAX) {
-		gw_warnx("%s: Invalid length of approfiles.\n", func);
-		return -1;
-	}
-	return 0;
-}
-
-/* The stored text of a key (without its NUL), or NULL. */
-static char *
-conf_text(int (*get)(const char *, struct evbuffer *), const char *key)
-{
-	struct evbuffer *buf = evbuffer_new();
-	char *text = NULL;
-
-	if (buf == NULL)
-		return NULL;
-	if (get(key, buf) == 0)
-		text = strdup((const char *)EVBUFFER_DATA(buf));
-	evbuffer_free(buf);
-	return text;
-}
-
-static char *
-workmode_text(void)
-{
-	char *type = conf_text(sysConfGet, "wan_type");
-	const char *mode = "\"\"";
-
-	if (type != NULL && strcmp(type, "\"wireless_sta_trust\"") == 0)
-		mode = "\"Station Mode\"";
-	else if (type != NULL && strcmp(type, "\"wireless_sta\"") == 0)
-		mode = "\"Public Bridge Mode\"";
-	else if (type != NULL && strcmp(type, "\"wireless_sta_private\"") == 0)
-		mode = "\"Private Bridge Mode\"";
-	free(type);
-	return strdup(mode);
-}
-
-static struct profile *
-profile_json_new(void)
-{
-	struct profile *p = (struct profile *)calloc(1, sizeof(*p));
-	char id[16];
-
-	if (p == NULL)
-		return NULL;
-	snprintf(id, sizeof(id), "%d", rand());
-	p->field[P_ID] = strdup(id);
-	p->field[P_ESSID] = conf_text(sysConfGet, "wan_sta_ssid");
-	p->field[P_ENCRYPT] = conf_text(sysConfGet, "wan_sta_sec");
-	p->field[P_PASS] = conf_text(sysConfGet, "wan_sta_pass");
-	p->field[P_WORKMODE] = workmode_text();
+	Profile p;
+	for (size_t f = 0; f < p.size(); f++)
+		p[f] = json_object_to_json_string(hx::json::member(object, members[f]));
 	return p;
 }
 
-static struct profile *
-profile_from_json(struct json_object *obj)
+std::optional<Profiles> approfiles_sysconf_get()
 {
-	struct profile *p = (struct profile *)calloc(1, sizeof(*p));
-	struct json_object *m;
-	int i;
-
-	if (p == NULL)
-		return NULL;
-	for (i = 0; i < PROFILE_FIELDS; i++) {
-		if (!json_object_object_get_ex(obj, member[i], &m))
-			m = NULL;
-		p->field[i] = strdup(json_object_to_json_string(m));
-		if (p->field[i] == NULL) {
-			profile_free(p);
-			return NULL;
-		}
+	auto stored = hx::conf::json(Store::sysconf, "ap_profile");
+	json_object *array = stored ? stored->get() : nullptr;
+	size_t n = hx::json::is(array, json_type_array) ? json_object_array_length(array) : 0;
+	const char *refused = !stored ? "failed to parse evbuf"
+			      : !hx::json::is(array, json_type_array) ? "unexpected json type"
+			      : n > profiles_max ? "Invalid length of approfiles" : nullptr;
+	if (refused != nullptr) {
+		gw_warnx("%s: %s.\n", __func__, refused);
+		return std::nullopt;
 	}
-	return p;
-}
-
-static void
-approfiles_debug(const struct approfiles *list)
-{
-	int i;
-
-	for (i = 0; i < list->count; i++)
-		_gw_debugx("%s: profile %d: id %s, essid %s, encrypt %s, workmode %s.\n",
-			   "approfiles_sysconf_get", i, list->slot[i]->field[P_ID],
-			   list->slot[i]->field[P_ESSID], list->slot[i]->field[P_ENCRYPT],
-			   list->slot[i]->field[P_WORKMODE]);
-}
-
-static struct approfiles *
-approfiles_from_array(struct json_object *array)
-{
-	struct approfiles *list = (struct approfiles *)calloc(1, sizeof(*list));
-	size_t i, n = json_object_array_length(array);
-
-	if (list == NULL)
-		return NULL;
-	if (n > PROFILES_MAX) {
-		gw_warnx("%s: Invalid length of approfiles.\n", "approfiles_sysconf_get");
-		free(list);
-		return NULL;
+	Profiles list;
+	for (size_t i = 0; i < n; i++) {
+		json_object *object = json_object_array_get_idx(array, i);
+		if (!hx::json::is(object, json_type_object))
+			return std::nullopt;
+		list.push_back(profile_from_json(object));
 	}
-	for (i = 0; i < n; i++) {
-		struct json_object *obj = json_object_array_get_idx(array, i);
-
-		if (!json_object_is_type(obj, json_type_object) ||
-		    (list->slot[i] = profile_from_json(obj)) == NULL) {
-			approfiles_free(list);
-			return NULL;
-		}
-		list->count++;
-	}
+	for (size_t i = 0; i < n; i++)
+		_gw_debugx("%s: profile %d: id %s, essid %s, encrypt %s, workmode %s.\n", __func__,
+			   static_cast<int>(i), list[i][id].c_str(), list[i][essid].c_str(),
+			   list[i][encrypt].c_str(), list[i][workmode].c_str());
 	return list;
 }
 
-static struct approfiles *
-approfiles_sysconf_get(void)
+bool same_essid(const Profile &p, const char *essid_text)
 {
-	struct json_object *array;
-	struct approfiles *list;
-	int ret = confGetJson(CONF_SYSCONF, "ap_profile", &array);
-
-	if (ret != 0) {
-		gw_warnx("%s: failed to parse evbuf.\n", "approfiles_sysconf_get");
-		return NULL;
-	}
-	if (!json_object_is_type(array, json_type_array)) {
-		gw_warnx("%s: unexpected json type.\n", "approfiles_sysconf_get");
-		json_object_put(array);
-		return NULL;
-	}
-	list = approfiles_from_array(array);
-	json_object_put(array);
-	if (list != NULL)
-		approfiles_debug(list);
-	return list;
+	return !p[essid].empty() && p[essid] == essid_text;
 }
 
-static int
-approfiles_add(struct approfiles *list, struct profile *p)
+// The same SSID replaces its profile in place; a third one drops the oldest.
+void approfiles_add(Profiles &list, Profile p)
 {
-	int i;
+	auto same = std::find_if(list.begin(), list.end(), [&](const Profile &q) {
+		return same_essid(q, p[essid].c_str());
+	});
+	if (same != list.end()) {
+		*same = std::move(p);
+		return;
+	}
+	if (list.size() == profiles_max)
+		list.erase(list.begin());
+	list.push_back(std::move(p));
+}
 
-	if (approfiles_count_valid(list, "approfiles_add") != 0)
+// The profile as a JSON object; empty when a field does not parse.
+hx::json::Ptr profile_to_json(const Profile &p)
+{
+	hx::json::Ptr object(json_object_new_object());
+	for (size_t f = 0; object && f < p.size(); f++) {
+		if (p[f].empty())
+			return nullptr;
+		// Unlike json_tokener_parse, this tells the text "null" from an error.
+		json_tokener_error error;
+		json_object *member = json_tokener_parse_verbose(p[f].c_str(), &error);
+		if (error != json_tokener_success)
+			return nullptr;
+		json_object_object_add(object.get(), members[f], member);
+	}
+	return object;
+}
+
+int approfiles_sysconf_set(const Profiles &list)
+{
+	hx::json::Ptr array(json_object_new_array());
+	if (!array)
 		return -1;
-	for (i = 0; i < list->count; i++) {
-		if (list->slot[i]->field[P_ESSID] != NULL && p->field[P_ESSID] != NULL &&
-		    strcmp(list->slot[i]->field[P_ESSID], p->field[P_ESSID]) == 0) {
-			profile_free(list->slot[i]);
-			list->slot[i] = p;
-			return 0;
-		}
-	}
-	if (list->count == PROFILES_MAX) {
-		profile_free(list->slot[0]);
-		list->slot[0] = list->slot[1];
-		list->slot[1] = p;
-		return 0;
-	}
-	list->slot[list->count++] = p;
-	return 0;
-}
-
-static int
-approfiles_del_idx(struct approfiles *list, int idx)
-{
-	int i;
-
-	if (idx < 0 || idx >= list->count)
-		return -1;
-	profile_free(list->slot[idx]);
-	for (i = idx; i + 1 < list->count; i++)
-		list->slot[i] = list->slot[i + 1];
-	list->count--;
-	return 0;
-}
-
-/* The field's JSON into *out (NULL for the text "null"): 0, or -1 when the
- * text is missing or does not parse. */
-static int
-field_parse(const char *text, struct json_object **out)
-{
-	enum json_tokener_error err;
-
-	if (text == NULL)
-		return -1;
-	*out = json_tokener_parse_verbose(text, &err);
-	return err == json_tokener_success ? 0 : -1;
-}
-
-static struct json_object *
-profile_to_json(const struct profile *p)
-{
-	struct json_object *obj = json_object_new_object(), *m;
-	int i;
-
-	if (obj == NULL)
-		return NULL;
-	for (i = 0; i < PROFILE_FIELDS; i++) {
-		if (field_parse(p->field[i], &m) != 0) {
-			json_object_put(obj);
-			return NULL;
-		}
-		json_object_object_add(obj, member[i], m);
-	}
-	return obj;
-}
-
-static int
-approfiles_sysconf_set(const struct approfiles *list)
-{
-	struct json_object *array = json_object_new_array(), *obj;
-	const char *text;
-	int i, ret;
-
-	if (array == NULL)
-		return -1;
-	for (i = 0; i < list->count; i++) {
-		if ((obj = profile_to_json(list->slot[i])) == NULL) {
-			json_object_put(array);
+	for (const Profile &p : list) {
+		hx::json::Ptr object = profile_to_json(p);
+		if (!object)
 			return -1;
-		}
-		json_object_array_add(array, obj);
+		json_object_array_add(array.get(), object.release());
 	}
-	text = json_object_to_json_string(array);
-	_gw_debugx("%s: profiles to be set is %s.\n", "approfiles_sysconf_set", text);
-	ret = confSetf(CONF_SYSCONF, "ap_profile", "%s", text);
-	json_object_put(array);
-	return ret;
+	const char *text = json_object_to_json_string(array.get());
+	_gw_debugx("%s: profiles to be set is %s.\n", __func__, text);
+	return hx::conf::set(Store::sysconf, "ap_profile", text);
 }
 
-/* The original wrote each value with the value as the printf format and no
- * arguments.  This keeps what that defines ("%%" gives "%") and leaves any
- * other '%' sequence as it stands instead of reading a missing argument. */
-static char *
-approfiles_format_literal(const char *format)
+// The slot keys were once written with each text as a printf format and no
+// arguments: "%%" gives "%", and any other '%' stays as it stands.
+std::string format_literal(std::string_view text)
 {
-	char *out = (char *)malloc(strlen(format) + 1), *o = out;
-
-	if (out == NULL)
-		return NULL;
-	while (*format != '\0') {
-		if (format[0] == '%' && format[1] == '%')
-			format++;
-		*o++ = *format++;
+	std::string out;
+	for (size_t i = 0; i < text.size(); i++) {
+		if (text[i] == '%' && i + 1 < text.size() && text[i + 1] == '%')
+			i++;
+		out += text[i];
 	}
-	*o = '\0';
 	return out;
 }
 
-static int
-slot_key_set(const char *key, const char *text)
+// An empty slot holds an empty JSON string in its four keys.
+int approfiles_wan_sta_key_set(const Profiles &list)
 {
-	char *value = approfiles_format_literal(text != NULL ? text : "");
-	int ret;
-
-	if (value == NULL)
-		return -1;
-	ret = confSetf(CONF_SYSCONF, key, "%s", value);
-	free(value);
-	return ret;
-}
-
-static int
-approfiles_wan_sta_key_set(const struct approfiles *list)
-{
-	static const int fields[4] = { P_ESSID, P_ENCRYPT, P_PASS, P_WORKMODE };
-	int i, k;
-
-	if (approfiles_count_valid(list, "approfiles_wan_sta_key_set") != 0)
-		return -1;
-	for (i = 0; i < list->count; i++)
-		for (k = 0; k < 4; k++)
-			if (slot_key_set(slot_key[4 * i + k], list->slot[i]->field[fields[k]]) != 0)
+	for (size_t i = 0; i < profiles_max; i++) {
+		for (size_t k = 0; k < std::size(slot_fields); k++) {
+			std::string value = i < list.size()
+				? format_literal(list[i][slot_fields[k]]) : "\"\"";
+			if (hx::conf::set(Store::sysconf, hx::wifi::slot_keys[i][k], value) != 0)
 				return -1;
-	for (i = list->count; i < PROFILES_MAX; i++)
-		for (k = 0; k < 4; k++)
-			if (confSetf(CONF_SYSCONF, slot_key[4 * i + k], "\"\"") != 0)
-				return -1;
+		}
+	}
 	return 0;
 }
 
-static int
-approfiles_store(const struct approfiles *list)
+int approfiles_store(const Profiles &list)
 {
-	if (approfiles_sysconf_set(list) != 0 || approfiles_wan_sta_key_set(list) != 0)
+	return approfiles_sysconf_set(list) == 0 ? approfiles_wan_sta_key_set(list) : -1;
+}
+
+const char *forget(json_object *value)
+{
+	return gw_profiles_forget(hx::json::member(value, "essid")) == 0 ? nullptr : "internal error";
+}
+
+constexpr hx::ipc::Action profile_actions[] = {{"forget", forget}};
+
+}  // namespace
+
+int profile_set()
+{
+	Profile p = profile_json_new();
+	std::optional<Profiles> list = approfiles_sysconf_get();
+	if (!list)
 		return -1;
+	approfiles_add(*list, std::move(p));
+	return approfiles_store(*list);
+}
+
+int gw_profiles_set() { return profile_set(); }
+
+int profile_forget(const char *essid_text)
+{
+	if (essid_text == nullptr)
+		return -1;
+	std::optional<Profiles> list = approfiles_sysconf_get();
+	if (!list)
+		return -1;
+	auto found = std::find_if(list->begin(), list->end(),
+				  [&](const Profile &p) { return same_essid(p, essid_text); });
+	if (found == list->end()) {
+		gw_warnx("%s: Not found the forget ssid.\n", __func__);
+		return -1;
+	}
+	list->erase(found);
+	return approfiles_store(*list);
+}
+
+int profiles_forget_all()
+{
+	if (approfiles_store({}) != 0)
+		return -1;
+	hx::wifi::wan_link().stop();
 	return 0;
 }
 
-int
-profile_set(void)
+int gw_wan_status_check(const char *essid_text)
 {
-	struct profile *p = profile_json_new();
-	struct approfiles *list;
-	int ret;
-
-	if (p == NULL)
-		return -1;
-	list = approfiles_sysconf_get();
-	if (list == NULL) {
-		profile_free(p);
-		return -1;
-	}
-	if (approfiles_add(list, p) != 0) {
-		profile_free(p);
-		approfiles_free(list);
-		return -1;
-	}
-	ret = approfiles_store(list);
-	approfiles_free(list);
-	return ret;
-}
-
-int
-gw_profiles_set(void)
-{
-	return profile_set();
-}
-
-int
-profile_forget(const char *essid_text)
-{
-	struct approfiles *list;
-	int i, ret;
-
-	if (essid_text == NULL || (list = approfiles_sysconf_get()) == NULL)
-		return -1;
-	for (i = 0; i < list->count; i++)
-		if (list->slot[i]->field[P_ESSID] != NULL &&
-		    strcmp(list->slot[i]->field[P_ESSID], essid_text) == 0)
-			break;
-	if (i == list->count) {
-		gw_warnx("%s: Not found the forget ssid.\n", "profile_forget");
-		approfiles_free(list);
-		return -1;
-	}
-	approfiles_del_idx(list, i);
-	ret = approfiles_store(list);
-	approfiles_free(list);
-	return ret;
-}
-
-int
-profiles_forget_all(void)
-{
-	struct approfiles empty = { 0, { NULL, NULL } };
-
-	if (approfiles_store(&empty) != 0)
-		return -1;
-	wan_stop();
+	if (hx::conf::get(Store::rtconf, "wan_status") != "\"WAN_UP\"")
+		return 0;
+	std::optional<std::string> ssid = hx::conf::get(Store::sysconf, "wan_sta_ssid");
+	_gw_debugx("%s: wan_sta_ssid is %s, essid is %s.\n", __func__,
+		   ssid ? ssid->c_str() : "(null)", essid_text);
+	if (ssid == essid_text)
+		hx::wifi::wan_link().stop();
 	return 0;
 }
 
-int
-gw_wan_status_check(const char *essid_text)
+int gw_profiles_forget(json_object *essids)
 {
-	char *status = conf_text(rtConfGet, "wan_status");
-	char *ssid;
-
-	if (status != NULL && strcmp(status, "\"WAN_UP\"") == 0) {
-		ssid = conf_text(sysConfGet, "wan_sta_ssid");
-		_gw_debugx("%s: wan_sta_ssid is %s, essid is %s.\n", "gw_wan_status_check",
-			   ssid != NULL ? ssid : "(null)", essid_text);
-		if (ssid != NULL && strcmp(ssid, essid_text) == 0)
-			wan_stop();
-		free(ssid);
-	}
-	free(status);
-	return 0;
-}
-
-int
-gw_profiles_forget(struct json_object *essids)
-{
-	size_t i, n;
-
-	if (!json_object_is_type(essids, json_type_array)) {
-		gw_warnx("%s: Invalid input parameters.\n", "gw_profiles_forget");
+	if (!hx::json::is(essids, json_type_array)) {
+		gw_warnx("%s: Invalid input parameters.\n", __func__);
 		return -1;
 	}
-	n = json_object_array_length(essids);
+	size_t n = json_object_array_length(essids);
 	if (n == 0) {
-		_gw_debugx("%s: forget all ap profile list.\n", "gw_profiles_forget");
+		_gw_debugx("%s: forget all ap profile list.\n", __func__);
 		return profiles_forget_all();
 	}
-	for (i = 0; i < n; i++) {
+	for (size_t i = 0; i < n; i++) {
 		const char *text = json_object_to_json_string(json_object_array_get_idx(essids, i));
-
-		_gw_debugx("%s: forget essid is %s.\n", "gw_profiles_forget", text);
+		_gw_debugx("%s: forget essid is %s.\n", __func__, text);
 		if (profile_forget(text) != 0)
 			return -1;
 		gw_wan_status_check(text);
@@ -460,26 +250,15 @@ gw_profiles_forget(struct json_object *essids)
 	return 0;
 }
 
-const char *
-_revalidate_apProfiles(struct json_object *value, struct json_object *reply_arguments,
-		       void *deferred)
+const char *_revalidate_apProfiles(json_object *value, json_object *, void *)
 {
-	struct json_object *action, *essids;
-
-	(void)reply_arguments;
-	(void)deferred;
-	if (value == NULL)
+	// A null argument answers without a line, and "action" must be a
+	// member, of whatever type.
+	if (value == nullptr)
 		return "invalid arguments";
-	if (!json_object_is_type(value, json_type_object)) {
-		puts("Unexpected json type.");
+	if (const char *error = hx::ipc::check_target(value, "invalid arguments"))
+		return error;
+	if (!json_object_object_get_ex(value, "action", nullptr))
 		return "invalid arguments";
-	}
-	if (!json_object_object_get_ex(value, "action", &action))
-		return "invalid arguments";
-	if (!json_object_is_type(action, json_type_string) ||
-	    strcmp(json_object_get_string(action), "forget") != 0)
-		return NULL;
-	if (!json_object_object_get_ex(value, "essid", &essids))
-		essids = NULL;
-	return gw_profiles_forget(essids) == 0 ? NULL : "internal error";
+	return hx::ipc::run_target(value, {profile_actions});
 }

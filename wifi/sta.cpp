@@ -1,211 +1,132 @@
-/* Part 5.2: station mode. */
-#include <stdarg.h>
+// Station mode: the supplicant's file, connecting and disconnecting with
+// either tool chain, the DHCP client, the supplicant's events, and starting
+// and stopping the supplicant itself (target "wpa").
+#include "wifi/sta.h"
+
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <json-c/json.h>
+#include <algorithm>
+#include <string>
 
-#include "conf/confjson.h"
+#include "conf/store.h"
+#include "core/fmt.h"
+#include "core/owned.h"
 #include "core/util.h"
-#include "ipc/registry.h"
-#include "net/net.h"
-#include "wifi/wifi.h"
+#include "ipc/target.h"
+#include "wifi/ap.h"
+#include "wifi/scan.h"
 
-#define WPA_CONF        "/etc/wpa_supplicant.conf"
-#define WPA_CTRL_DIR    "/var/run/wpa_supplicant"
-#define WPA_CTRL_SOCKET WPA_CTRL_DIR "/mlan0"
-#define WPA_PID         "/var/run/wpa_supplicant.pid"
-/* The Marvell driver answers nl80211 or wext; rtconf "wl_wpa_driver" (README). */
-#define WPA_DRIVER      "nl80211,wext"
-#define WPA_DRIVER_SIZE 64
-#define WPA_WAIT_STEPS  100	/* of 50 ms: 5 s for the control socket */
-#define CMD_SIZE        512
+namespace {
 
-enum { TOOL_ERROR = -1, TOOL_NONE = 0, TOOL_WT = 1, TOOL_WPA = 2 };
+using hx::conf::Store;
+using Text = tl::expected<std::string, hx::conf::Error>;
 
-/* The current hotspot: each text NULL when its key is missing or does not
- * parse; the values own the texts. */
-struct sta_hotspot {
-	struct json_object *value[3];
-	StaNetworkParams params;
-	int complete;		/* all three read */
-};
+constexpr const char *wpa_conf = "/etc/wpa_supplicant.conf";
+constexpr const char *wpa_socket = "/var/run/wpa_supplicant/mlan0";
+constexpr const char *wpa_pid = "/var/run/wpa_supplicant.pid";
+constexpr size_t cmd_size = 512;
 
-static int wpa_if_attached;
+int nothing() { return 0; }
+int nothing_for(const char *, int) { return 0; }
+hx::wifi::WanLink wan = {nothing, nothing, nothing_for, nothing};
 
-/* rtconf "wl_tool_type"; absent means "WPA", the device's own chain (README). */
-static int
-sta_tool_type(void)
+enum class Tool { none, wt, wpa };
+
+// rtconf "wl_tool_type", set by the device's start-up scripts: absent,
+// unreadable or any other word is no tool at all.
+Tool tool_type()
 {
-	struct json_object *value;
-	const char *name;
-	int ret = confGetJson(CONF_RTCONF, "wl_tool_type", &value);
-	int type = TOOL_NONE;
-
-	if (ret == CONF_MISSING)
-		return TOOL_WPA;
-	if (ret != 0)
-		return TOOL_ERROR;
-	name = json_object_get_string(value);
-	if (strcmp(name, "WT") == 0)
-		type = TOOL_WT;
-	else if (strcmp(name, "WPA") == 0)
-		type = TOOL_WPA;
-	json_object_put(value);
-	return type;
+	Text name = hx::conf::text(Store::rtconf, "wl_tool_type");
+	return !name ? Tool::none : *name == "WT" ? Tool::wt : *name == "WPA" ? Tool::wpa : Tool::none;
 }
 
-static int
-sec_is_wpa(const char *sec)
+enum class Sec { other, wpa, open, wep };
+
+// Security words are known by their beginning, "none" before "on".
+Sec security(std::string_view word)
 {
-	return str_match(sec, "wpapsk") || str_match(sec, "WPA");
+	if (word.starts_with("wpapsk") || word.starts_with("WPA"))
+		return Sec::wpa;
+	if (word.starts_with("none"))
+		return Sec::open;
+	if (word.starts_with("on") || word.starts_with("WEP"))
+		return Sec::wep;
+	return Sec::other;
 }
 
-static int
-sec_is_none(const char *sec)
+Text sys(const char *key) { return hx::conf::text(Store::sysconf, key); }
+
+std::optional<std::string_view> view(const Text &text)
 {
-	return str_match(sec, "none");
+	return text ? std::optional<std::string_view>(*text) : std::nullopt;
 }
 
-static int
-sec_is_wep(const char *sec)
+void put_quoted(FILE *file, const char *name, std::string_view value)
 {
-	return str_match(sec, "on") || str_match(sec, "WEP");
+	fprintf(file, "\t%s=\"%.*s\"\n", name, static_cast<int>(value.size()), value.data());
 }
 
-static const char *
-hotspot_text(struct json_object **value, const char *key)
+void put_network(FILE *file, const StaNetworkParams &p)
 {
-	if (confGetJson(CONF_SYSCONF, key, value) != 0)
-		return NULL;
-	return json_object_get_string(*value);
-}
-
-static void
-sta_hotspot_get(struct sta_hotspot *h)
-{
-	memset(h, 0, sizeof(*h));
-	h->params.sec = hotspot_text(&h->value[0], "wan_sta_sec");
-	h->params.ssid = hotspot_text(&h->value[1], "wan_sta_ssid");
-	h->params.pass = hotspot_text(&h->value[2], "wan_sta_pass");
-	h->complete = h->params.sec != NULL && h->params.ssid != NULL &&
-		      h->params.pass != NULL;
-}
-
-static void
-sta_hotspot_put(struct sta_hotspot *h)
-{
-	int i;
-
-	for (i = 0; i < 3; i++)
-		json_object_put(h->value[i]);
-}
-
-/* A double quote would end the quoted value, a newline add a line. */
-static int
-wpa_conf_value_ok(const char *text)
-{
-	return text == NULL || strpbrk(text, "\n\"") == NULL;
-}
-
-static void
-wpa_conf_network(FILE *fp, const StaNetworkParams *p)
-{
-	fprintf(fp, "\tssid=\"%s\"\n", p->ssid);
-	if (sec_is_wpa(p->sec)) {
-		fputs("\tkey_mgmt=WPA-PSK\n", fp);
-		fprintf(fp, "\tpsk=\"%s\"\n", p->pass);
-	} else if (sec_is_none(p->sec)) {
-		fputs("\tkey_mgmt=NONE\n", fp);
-	} else if (sec_is_wep(p->sec)) {
-		fputs("\tkey_mgmt=NONE\n", fp);
-		fputs("\tauth_alg=OPEN SHARED\n", fp);
-		fprintf(fp, "\twep_key0=\"%s\"\n", p->pass);
-		fputs("\twep_tx_keyidx=0\n", fp);
+	put_quoted(file, "ssid", *p.ssid);
+	Sec sec = security(*p.sec);
+	if (sec == Sec::wpa) {
+		fputs("\tkey_mgmt=WPA-PSK\n", file);
+		put_quoted(file, "psk", *p.pass);
+	} else if (sec == Sec::open) {
+		fputs("\tkey_mgmt=NONE\n", file);
+	} else if (sec == Sec::wep) {
+		fputs("\tkey_mgmt=NONE\n\tauth_alg=OPEN SHARED\n", file);
+		put_quoted(file, "wep_key0", *p.pass);
+		fputs("\twep_tx_keyidx=0\n", file);
 	}
-	fputs("\tscan_ssid=1\n", fp);
+	fputs("\tscan_ssid=1\n", file);
 }
 
-int
-wifi_sta_reconfig(StaNetworkParams *params)
+// The security command of the wireless tools, with texts escaped for it.
+int wt_security(Sec sec, const char *ssid, const char *pass)
 {
-	FILE *fp;
-
-	if (!wpa_conf_value_ok(params->ssid) || !wpa_conf_value_ok(params->pass))
+	if (sec == Sec::wpa)
+		return do_systemf(cmd_size, "/usr/sbin/iwpriv mlan0 passphrase '1;ssid=%s;passphrase=%s'",
+				  ssid, pass);
+	if (sec != Sec::open && sec != Sec::wep)
+		return 0;
+	bool open = sec == Sec::open;
+	if ((open ? do_systemf(cmd_size, "/usr/sbin/iwpriv mlan0 passphrase '2;ssid=%s'", ssid)
+		  : do_systemf(cmd_size, "/usr/sbin/iwconfig mlan0 key '%s'", pass)) != 0)
 		return -1;
-	fp = fopen(WPA_CONF, "w");
-	if (fp == NULL) {
-		printf("WiFi: wifi_sta_reconfig, open %s file failed\n", WPA_CONF);
-		return -1;
-	}
-	fputs("update_config=1\n", fp);
-	fprintf(fp, "ctrl_interface=%s\n", WPA_CTRL_DIR);
-	fputs("ap_scan=1\nctrl_interface_group=0\nbss_expiration_age=600\n", fp);
-	fputs("\nnetwork={\n", fp);
-	if (params->sec != NULL && params->ssid != NULL && params->pass != NULL)
-		wpa_conf_network(fp, params);
-	fputs("}\n", fp);
-	fclose(fp);
-	puts("WiFi: wifi_sta_reconfig, Configuration file updated successfully");
+	do_system(open ? "/usr/sbin/iwconfig mlan0 key off" : "/usr/sbin/iwconfig mlan0 key on");
 	return 0;
 }
 
-/* The security command of the wireless tools; ssid and pass escaped with 7. */
-static int
-wt_security(const char *sec, const char *ssid, const char *pass)
+using Escaped = hx::Owned<char, free>;
+
+Escaped escaped(const std::string &text, unsigned int flags)
 {
-	if (sec_is_none(sec)) {
-		if (do_systemf(CMD_SIZE, "/usr/sbin/iwpriv mlan0 passphrase '2;ssid=%s'", ssid) != 0)
-			return -1;
-		do_system("/usr/sbin/iwconfig mlan0 key off");
-	} else if (sec_is_wep(sec)) {
-		if (do_systemf(CMD_SIZE, "/usr/sbin/iwconfig mlan0 key '%s'", pass) != 0)
-			return -1;
-		do_system("/usr/sbin/iwconfig mlan0 key on");
-	} else if (sec_is_wpa(sec)) {
-		return do_systemf(CMD_SIZE, "/usr/sbin/iwpriv mlan0 passphrase '1;ssid=%s;passphrase=%s'",
-			       ssid, pass);
-	}
-	return 0;
+	return Escaped(_escape_delimiter(text.c_str(), flags));
 }
 
-static int
-wt_associate(const struct sta_hotspot *h)
+int wt_associate()
 {
-	char *ssid = NULL, *pass = NULL, *essid = NULL;
-	int ret = -1;
-
-	if (!h->complete)
+	Text sec = sys("wan_sta_sec"), ssid = sys("wan_sta_ssid"), pass = sys("wan_sta_pass");
+	if (!sec || !ssid || !pass)
 		return -1;
-	ssid = _escape_delimiter(h->params.ssid, ESCAPE_QUOTE | ESCAPE_SEMICOLON | ESCAPE_SLASH);
-	pass = _escape_delimiter(h->params.pass, ESCAPE_QUOTE | ESCAPE_SEMICOLON | ESCAPE_SLASH);
-	if (ssid == NULL || pass == NULL || wt_security(h->params.sec, ssid, pass) != 0)
-		goto out;
-	essid = _escape_delimiter(h->params.ssid, ESCAPE_QUOTE);
-	if (essid != NULL)
-		ret = do_systemf(CMD_SIZE, "/usr/sbin/iwconfig mlan0 essid '%s'", essid);
-out:
-	free(ssid);
-	free(pass);
-	free(essid);
-	return ret;
+	constexpr unsigned int flags = ESCAPE_QUOTE | ESCAPE_SEMICOLON | ESCAPE_SLASH;
+	Escaped s = escaped(*ssid, flags), p = escaped(*pass, flags);
+	if (!s || !p || wt_security(security(*sec), s.get(), p.get()) != 0)
+		return -1;
+	Escaped essid = escaped(*ssid, ESCAPE_QUOTE);
+	return essid ? do_systemf(cmd_size, "/usr/sbin/iwconfig mlan0 essid '%s'", essid.get()) : -1;
 }
 
-static int
-wt_connect(void)
+int wt_connect()
 {
-	struct sta_hotspot h;
-	int ret;
-
-	sta_hotspot_get(&h);
-	ret = wt_associate(&h);
-	sta_hotspot_put(&h);
-	if (ret != 0) {
+	if (wt_associate() != 0) {
 		puts("WiFi: Wireless Link disconnected.");
-		wan_stop();
+		hx::wifi::wan_link().stop();
 	} else {
 		puts("WiFi: Wireless Link connected.");
 		wifi_sta_get_ip();
@@ -213,279 +134,231 @@ wt_connect(void)
 	return 0;
 }
 
-static int
-is_empty(const char *text)
+// Sends cmd to the supplicant, printing failed when it is not taken.
+bool request(const char *cmd, const char *failed)
 {
-	return text == NULL || text[0] == '\0';
+	if (wpa_cli_send(cmd, nullptr, nullptr) == 0)
+		return true;
+	puts(failed);
+	return false;
 }
 
-static int
-wpa_select(StaNetworkParams *params)
+int wpa_select()
 {
-	if (is_empty(params->ssid) && is_empty(params->sec))
+	Text ssid = sys("wan_sta_ssid"), pass = sys("wan_sta_pass"), sec = sys("wan_sta_sec");
+	if ((!ssid || ssid->empty()) && (!sec || sec->empty()))
 		return -1;
-	if (wifi_sta_reconfig(params) != 0)
+	if (wifi_sta_reconfig({view(sec), view(ssid), view(pass)}) != 0)
 		return -1;
-	if (wpa_cli_send("RECONFIGURE", NULL, NULL) != 0) {
-		puts("WiFi: Send reconfigure to WPA failed");
-		return -1;
+	return request("RECONFIGURE", "WiFi: Send reconfigure to WPA failed") &&
+	       request("SELECT_NETWORK 0", "WiFi: Send select network to WPA failed") ? 0 : -1;
+}
+
+void rt_set(const char *key, std::string_view text) { hx::conf::set(Store::rtconf, key, text); }
+
+void status_reason(const char *reason)
+{
+	rt_set("wifi_sta_status", "\"Disconnected\"");
+	rt_set("wifi_sta_reason", reason);
+}
+
+// The fall-back to the second hotspot, while it is armed.
+void auto_retry()
+{
+	Text armed = hx::conf::text(Store::rtconf, "wan_auto_retry_times");
+	if (armed && *armed == "1")
+		hx::wifi::wan_link().fallback();
+}
+
+void disconnected()
+{
+	hx::wifi::wan_link().services_stop();
+	wifi_ap_start();
+	status_reason("0");
+	if (Text lan_if = hx::conf::text(Store::rtconf, "lan_if")) {
+		hx::wifi::wan_link().ctrl_interface(lan_if->c_str(), 1);
+		auto_retry();
 	}
-	if (wpa_cli_send("SELECT_NETWORK 0", NULL, NULL) != 0) {
-		puts("WiFi: Send select network to WPA failed");
-		return -1;
-	}
+}
+
+struct StaEvent {
+	std::string_view name;
+	void (*run)();
+};
+
+constexpr StaEvent sta_events[] = {
+	{"CTRL-EVENT-CONNECTED ", [] { wifi_sta_get_ip(); rt_set("wan_auto_retry_times", "0"); }},
+	{"CTRL-EVENT-DISCONNECTED ", disconnected},
+	{"CTRL-EVENT-ASSOC-REJECT ", [] { status_reason("2"); }},
+	{"CTRL-EVENT-SSID-TEMP-DISABLED ", [] { status_reason("1"); }},
+	{"CTRL-EVENT-SSID-NO-MATCH ", [] { status_reason("2"); auto_retry(); }},
+};
+
+int tdls_event(const char *event, const char *arg, wpa_cli_eh *slot)
+{
+	wpa_tdls_event_handler(event, arg, slot);
 	return 0;
 }
 
-static int
-wpa_connect(void)
+// Waits up to 5 s until path exists (or, when gone, no longer exists).
+bool wait_path(const char *path, bool gone)
 {
-	struct sta_hotspot h;
-	int ret;
-
-	sta_hotspot_get(&h);
-	ret = wpa_select(&h.params);
-	sta_hotspot_put(&h);
-	if (ret != 0)
-		puts("WiFi: Do STA connect by wpa_supplicant failed");
-	return ret;
-}
-
-int
-wifi_sta_connect(void)
-{
-	switch (sta_tool_type()) {
-	case TOOL_WT:
-		return wt_connect();
-	case TOOL_WPA:
-		return wpa_connect();
-	default:
-		puts("WiFi: Error, Wireless tool type is none");
-		return 0;
+	constexpr timespec step{0, 50 * 1000 * 1000};
+	for (int i = 0; i < 100; i++) {
+		if ((access(path, F_OK) == 0) != gone)
+			return true;
+		nanosleep(&step, nullptr);
 	}
+	return false;
 }
 
-int
-wifi_sta_disconnect(void)
+// rtconf "wl_wpa_driver", absent for the driver's own nl80211 and wext
+// interfaces.  It reaches the shell unquoted: only lower-case letters,
+// digits, '_' and ',' pass, and at most 63 of them.
+std::optional<std::string> wpa_driver()
 {
-	switch (sta_tool_type()) {
-	case TOOL_WT:
+	Text name = hx::conf::text(Store::rtconf, "wl_wpa_driver");
+	if (!name && name.error() == hx::conf::Error::bad_json)
+		return std::nullopt;
+	std::string driver = name ? *name : "nl80211,wext";
+	if (driver.empty() || driver.size() >= 64 ||
+	    driver.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789_,") != driver.npos)
+		return std::nullopt;
+	return driver;
+}
+
+// Starts the supplicant idle (no network) unless it runs already.
+int supplicant_run()
+{
+	if (access(wpa_socket, F_OK) == 0)
+		return 0;
+	std::optional<std::string> driver = wpa_driver();
+	if (!driver || wifi_sta_reconfig({}) != 0)
+		return -1;
+	if (do_system(hx::format("wpa_supplicant -B -P %s -D %s -i mlan0 -c %s >/dev/console 2>&1",
+				 wpa_pid, driver->c_str(), wpa_conf).c_str()) != 0)
+		return -1;
+	// The daemonised child writes the pid file after the socket exists.
+	return wait_path(wpa_socket, false) && wait_path(wpa_pid, false) ? 0 : -1;
+}
+
+constexpr hx::ipc::Action wpa_actions[] = {
+	{"start", hx::ipc::run_checked<gw_wpa_start>},
+	{"stop", hx::ipc::run<gw_wpa_stop>},
+};
+
+}  // namespace
+
+void hx::wifi::set_wan_link(const WanLink &link) { wan = link; }
+const hx::wifi::WanLink &hx::wifi::wan_link() { return wan; }
+
+int wifi_sta_reconfig(const StaNetworkParams &p)
+{
+	// The supplicant reads a quoted value up to the last quote of its line,
+	// so quotes inside are the value's own; a newline would add a line.
+	for (auto text : {p.ssid, p.pass})
+		if (text && text->find('\n') != text->npos)
+			return -1;
+	hx::FilePtr file = hx::open_file(wpa_conf, "w");
+	if (!file) {
+		printf("WiFi: wifi_sta_reconfig, open %s file failed\n", wpa_conf);
+		return -1;
+	}
+	fputs("update_config=1\nctrl_interface=/var/run/wpa_supplicant\nap_scan=1\n"
+	      "ctrl_interface_group=0\nbss_expiration_age=600\n\nnetwork={\n", file.get());
+	if (p.sec && p.ssid && p.pass)
+		put_network(file.get(), p);
+	fputs("}\n", file.get());
+	file.reset();
+	puts("WiFi: wifi_sta_reconfig, Configuration file updated successfully");
+	return 0;
+}
+
+int wifi_sta_connect()
+{
+	switch (tool_type()) {
+	case Tool::wt:
+		return wt_connect();
+	case Tool::wpa:
+		if (wpa_select() == 0)
+			return 0;
+		puts("WiFi: Do STA connect by wpa_supplicant failed");
+		return -1;
+	case Tool::none:
+		break;
+	}
+	puts("WiFi: Error, Wireless tool type is none");
+	return 0;
+}
+
+int wifi_sta_disconnect()
+{
+	switch (tool_type()) {
+	case Tool::wt:
 		do_system("iwpriv mlan0 deauth");
 		return 0;
-	case TOOL_WPA:
-		if (wpa_cli_send("REMOVE_NETWORK 0", NULL, NULL) != 0) {
-			puts("WiFi: Send REMOVE to WPA failed");
-			return -1;
-		}
-		return 0;
-	default:
-		puts("WiFi: Error, None wireless tool type");
-		return 0;
+	case Tool::wpa:
+		return request("REMOVE_NETWORK 0", "WiFi: Send REMOVE to WPA failed") ? 0 : -1;
+	case Tool::none:
+		break;
 	}
+	puts("WiFi: Error, None wireless tool type");
+	return 0;
 }
 
-int
-wl_connect(void)
-{
-	return wifi_sta_connect();
-}
+int wl_connect() { return wifi_sta_connect(); }
+int wl_disconnect() { return wifi_sta_disconnect(); }
 
-int
-wl_disconnect(void)
-{
-	return wifi_sta_disconnect();
-}
-
-int
-wifi_sta_get_ip(void)
+int wifi_sta_get_ip()
 {
 	do_system("udhcpc -i mlan0 -H $(/bin/hostname) -p /var/run/udhcpc.pid -b "
 		  "-s /etc/app/gw_udhcpc.script -S &");
 	return 0;
 }
 
-/* Event effects */
-
-static void
-sta_status_reason(const char *reason)
+int wpa_ctrl_event_handler(const char *event, const char *, wpa_cli_eh *)
 {
-	confSetf(CONF_RTCONF, "wifi_sta_status", "\"Disconnected\"");
-	confSetf(CONF_RTCONF, "wifi_sta_reason", "%s", reason);
-}
-
-/* The fall-back to slot 2 while rtconf "wan_auto_retry_times" reads "1". */
-static void
-sta_auto_retry(void)
-{
-	struct json_object *value;
-	int armed;
-
-	if (confGetJson(CONF_RTCONF, "wan_auto_retry_times", &value) != 0)
-		return;
-	armed = strcmp(json_object_get_string(value), "1") == 0;
-	json_object_put(value);
-	if (armed)
-		wan_auto_retry_handler();
-}
-
-static void
-sta_disconnected(void)
-{
-	struct json_object *lan_if;
-
-	wan_service_stop();
-	wifi_ap_start();
-	sta_status_reason("0");
-	if (confGetJson(CONF_RTCONF, "lan_if", &lan_if) != 0)
-		return;
-	ctrl_interface(json_object_get_string(lan_if), 1);
-	json_object_put(lan_if);
-	sta_auto_retry();
-}
-
-int
-wpa_ctrl_event_handler(const char *event, const char *arg, struct wpa_cli_eh *slot)
-{
-	(void)arg;
-	(void)slot;
-	if (event == NULL)
+	if (event == nullptr)
 		return 0;
-	if (strcmp(event, "CTRL-EVENT-CONNECTED ") == 0) {
-		wifi_sta_get_ip();
-		confSetf(CONF_RTCONF, "wan_auto_retry_times", "0");
-	} else if (strcmp(event, "CTRL-EVENT-DISCONNECTED ") == 0) {
-		sta_disconnected();
-	} else if (strcmp(event, "CTRL-EVENT-ASSOC-REJECT ") == 0) {
-		sta_status_reason("2");
-	} else if (strcmp(event, "CTRL-EVENT-SSID-TEMP-DISABLED ") == 0) {
-		sta_status_reason("1");
-	} else if (strcmp(event, "CTRL-EVENT-SSID-NO-MATCH ") == 0) {
-		sta_status_reason("2");
-		sta_auto_retry();
-	}
+	auto e = std::find_if(std::begin(sta_events), std::end(sta_events),
+			      [&](const StaEvent &s) { return s.name == event; });
+	if (e != std::end(sta_events))
+		e->run();
 	return 0;
 }
 
-/* Control interface */
-
-/* Calls the TDLS handler whatever its own result and slot types. */
-static int
-tdls_event(const char *event, const char *arg, struct wpa_cli_eh *slot)
+int wifi_sta_wpa_if_init()
 {
-	wpa_tdls_event_handler(event, arg, slot);
-	return 0;
-}
-
-int
-wifi_sta_wpa_if_init(void)
-{
-	if (wpa_if_attached)
-		return 0;
 	if (wpa_cli_init() != 0)
 		return -1;
 	wpa_cli_eh_register("CTRL", wpa_ctrl_event_handler);
 	wpa_cli_eh_register("TDLS", tdls_event);
-	wpa_if_attached = 1;
 	return 0;
 }
 
-void
-wifi_sta_wpa_if_deinit(void)
+void wifi_sta_wpa_if_deinit() { wpa_cli_deinit(); }
+
+int gw_wpa_start()
 {
-	wpa_cli_deinit();
-	wpa_if_attached = 0;
-}
-
-/* Waits up to 5 s until path exists (or, with gone, no longer exists). */
-static int
-wpa_wait_path(const char *path, int gone)
-{
-	static const struct timespec step = { 0, 50 * 1000 * 1000 };
-	int i;
-
-	for (i = 0; i < WPA_WAIT_STEPS; i++) {
-		if ((access(path, F_OK) == 0) != gone)
-			return 0;
-		nanosleep(&step, NULL);
-	}
-	return -1;
-}
-
-/* rtconf "wl_wpa_driver" (absent: WPA_DRIVER); it reaches the shell
- * unquoted, so only lower-case letters, digits, '_' and ',' pass. */
-static int
-wpa_driver(char *buf, size_t size)
-{
-	struct json_object *value;
-	const char *name = WPA_DRIVER;
-	int ret = confGetJson(CONF_RTCONF, "wl_wpa_driver", &value);
-
-	if (ret == CONF_BAD_JSON)
-		return -1;
-	if (ret == 0)
-		name = json_object_get_string(value);
-	ret = name[0] != '\0' &&
-	      strspn(name, "abcdefghijklmnopqrstuvwxyz0123456789_,") == strlen(name) &&
-	      strlcpy(buf, name, size) < size ? 0 : -1;
-	json_object_put(value);
-	return ret;
-}
-
-/* Starts the supplicant idle (no network selected) unless it runs already. */
-static int
-wpa_supplicant_run(void)
-{
-	StaNetworkParams idle = { NULL, NULL, NULL };
-	char driver[WPA_DRIVER_SIZE], cmd[CMD_SIZE];
-	int len;
-
-	if (access(WPA_CTRL_SOCKET, F_OK) == 0)
-		return 0;
-	if (wpa_driver(driver, sizeof(driver)) != 0 || wifi_sta_reconfig(&idle) != 0)
-		return -1;
-	len = snprintf(cmd, sizeof(cmd), "wpa_supplicant -B -P %s -D %s -i mlan0 -c %s "
-		       ">/dev/console 2>&1", WPA_PID, driver, WPA_CONF);
-	if (len < 0 || (size_t)len >= sizeof(cmd) || do_system(cmd) != 0)
-		return -1;
-	/* The daemonised child writes the pid file after the socket exists. */
-	if (wpa_wait_path(WPA_CTRL_SOCKET, 0) != 0)
-		return -1;
-	return wpa_wait_path(WPA_PID, 0);
-}
-
-int
-gw_wpa_start(void)
-{
-	if (wpa_supplicant_run() != 0)
+	if (supplicant_run() != 0)
 		return -1;
 	return wifi_sta_wpa_if_init();
 }
 
-int
-gw_wpa_stop(void)
+int gw_wpa_stop()
 {
 	wifi_sta_wpa_if_deinit();
-	if (access(WPA_PID, F_OK) == 0 && kill_pidfile(WPA_PID) == 0)
-		wpa_wait_path(WPA_CTRL_SOCKET, 1);
+	if (access(wpa_pid, F_OK) == 0 && kill_pidfile(wpa_pid) == 0)
+		wait_path(wpa_socket, true);
 	return 0;
 }
 
-const char *
-_revalidate_wpa(struct json_object *value, struct json_object *reply_arguments, void *deferred)
+const char *_revalidate_wpa(json_object *value, json_object *, void *)
 {
-	const char *error = ipc_target_check(value, "invalid arguments");
-	const char *name;
-
-	(void)reply_arguments;
-	(void)deferred;
-	if (error != NULL)
+	if (const char *error = hx::ipc::check_target(value, "invalid arguments"))
 		return error;
-	name = ipc_target_action(value);
-	if (name == NULL)
+	// Unlike the other services' targets, a missing action is an error.
+	if (!hx::json::string_member(value, "action"))
 		return "internal error";
-	if (strcmp(name, "start") == 0)
-		return gw_wpa_start() == 0 ? NULL : "internal error";
-	if (strcmp(name, "stop") == 0)
-		gw_wpa_stop();
-	return NULL;
+	return hx::ipc::run_target(value, {wpa_actions});
 }

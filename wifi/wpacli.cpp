@@ -1,268 +1,195 @@
-/* Part 5.1: the WPA supplicant control client. */
-#include "wifi/wifi.h"
+// The supplicant's control client.  One process-wide record; the monitor
+// connection's events are read by the event loop and handed to every slot
+// whose prefix begins the event's name.
+#include "wifi/wpacli.h"
 
 #include <dirent.h>
 #include <event.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
+#include <array>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "core/owned.h"
 #include "core/server.h"
 #include "core/util.h"
 #include "wpa_ctrl.h"
 
-#define WPA_CTRL_DIR "/var/run/wpa_supplicant"
-#define WPA_CLI_EH_MAX 4
-#define WPA_CLI_PATH_MAX 4096
-#define WPA_CLI_REPLY_MAX 2048
-#define WPA_CLI_MAC_LEN 17
+namespace {
 
-typedef struct {
-	char *ifname;
-	struct wpa_ctrl *ctrl_conn;
-	struct wpa_ctrl *mon_conn;
-	struct bufferevent *bev;
-	struct wpa_cli_eh eh[WPA_CLI_EH_MAX];
-} WpaCliClient;
+using Ctrl = hx::Owned<wpa_ctrl, wpa_ctrl_close>;
+using Reader = hx::Owned<bufferevent, bufferevent_free>;
 
-static WpaCliClient wpa_cli_rec;
-static WpaCliClient *wpa_cli;
-static int wpa_cli_attached;
-static char wpa_cli_path[WPA_CLI_PATH_MAX + 1];
+constexpr const char *ctrl_dir = "/var/run/wpa_supplicant";
+constexpr size_t reply_max = 2048;
+constexpr size_t mac_len = 17;
 
-static const char *const wpa_cli_events[] = {
-	"TDLS-DISC-RESP ",
-	"CTRL-EVENT-CONNECTED ",
-	"CTRL-EVENT-DISCONNECTED ",
-	"CTRL-EVENT-ASSOC-REJECT ",
-	"CTRL-EVENT-SSID-TEMP-DISABLED ",
-	"TDLS-LINK-UP ",
-	"TDLS-LINK-DOWN ",
-	"CTRL-EVENT-SSID-NO-MATCH ",
+// The events handed on, in the order they are recognised; only the first
+// carries an argument, the peer's MAC address that ends the message.
+constexpr const char *events[] = {
+	"TDLS-DISC-RESP ", "CTRL-EVENT-CONNECTED ", "CTRL-EVENT-DISCONNECTED ",
+	"CTRL-EVENT-ASSOC-REJECT ", "CTRL-EVENT-SSID-TEMP-DISABLED ", "TDLS-LINK-UP ",
+	"TDLS-LINK-DOWN ", "CTRL-EVENT-SSID-NO-MATCH ",
 };
 
-static char *
-wpa_cli_choose_ifname(void)
+}  // namespace
+
+// Destroyed in reverse order: the reader goes before the connection it reads.
+struct WpaCliClient {
+	std::optional<std::string> ifname;
+	Ctrl ctrl_conn;
+	Ctrl mon_conn;
+	Reader bev;
+	std::array<wpa_cli_eh, 4> eh{};
+};
+
+namespace {
+
+// Engaged from the first initialisation on, also after one that failed, so
+// that handlers can be registered; attached once its reader runs.
+std::optional<WpaCliClient> client;
+
+std::optional<std::string> choose_ifname()
 {
-	struct dirent *entry;
-	char *name = NULL;
-	DIR *dir = opendir(WPA_CTRL_DIR);
-
-	if (dir == NULL)
-		return NULL;
-	while ((entry = readdir(dir)) != NULL) {
-		if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0)
-			continue;
-		printf("WPACli: Selected interface '%s'\n", entry->d_name);
-		name = strdup(entry->d_name);
-		break;
-	}
-	closedir(dir);
-	return name;
-}
-
-/* Without a control socket the path names the directory itself, which is
- * not opened: the open fails with its message. */
-static int
-wpa_cli_set_path(const char *ifname)
-{
-	int len;
-
-	if (ifname == NULL) {
-		strlcpy(wpa_cli_path, WPA_CTRL_DIR, sizeof(wpa_cli_path));
-		return -1;
-	}
-	len = snprintf(wpa_cli_path, sizeof(wpa_cli_path), "%s/%s", WPA_CTRL_DIR, ifname);
-	return len < 0 || (size_t)len >= sizeof(wpa_cli_path) ? -1 : 0;
-}
-
-void
-wpa_cli_event_dispatch(const char *msg)
-{
-	const char *text = msg, *name = NULL, *arg = NULL;
-	size_t i, len;
-
-	if (msg[0] == '<' && strchr(msg, '>') != NULL)
-		text = strchr(msg, '>') + 1;
-	if (str_match(text, "CTRL-EVENT-BSS-REMOVED "))
-		return;
-	printf("WPACli: Event from WPA [%s]\n", msg);
-	for (i = 0; i < sizeof(wpa_cli_events) / sizeof(wpa_cli_events[0]); i++) {
-		if (str_match(text, wpa_cli_events[i])) {
-			name = wpa_cli_events[i];
-			break;
+	hx::DirPtr dir = hx::open_dir(ctrl_dir);
+	for (const dirent *entry; dir && (entry = readdir(dir.get())) != nullptr;) {
+		std::string_view name = entry->d_name;
+		if (name != "." && name != "..") {
+			printf("WPACli: Selected interface '%s'\n", entry->d_name);
+			return std::string(name);
 		}
 	}
-	if (name == NULL || wpa_cli == NULL)
-		return;
-	len = strlen(msg);
-	if (i == 0)
-		arg = msg + (len > WPA_CLI_MAC_LEN ? len - WPA_CLI_MAC_LEN : 0);
-	for (i = 0; i < WPA_CLI_EH_MAX; i++) {
-		struct wpa_cli_eh *eh = &wpa_cli->eh[i];
-
-		if (eh->handler != NULL && str_match(name, eh->prefix))
-			eh->handler(name, arg, eh);
-	}
+	return std::nullopt;
 }
 
-static void
-wpa_cli_read(struct bufferevent *bev, void *arg)
+void read_events(bufferevent *bev, void *)
 {
-	struct evbuffer *in = EVBUFFER_INPUT(bev);
-	int r;
-
-	(void)arg;
-	/* libevent 2 freezes the input's end outside its own reads. */
+	evbuffer *in = EVBUFFER_INPUT(bev);
+	// libevent 2 freezes the input's end outside its own reads.
 	evbuffer_unfreeze(in, 0);
-	r = evbuffer_add(in, "", 1);
+	int added = evbuffer_add(in, "", 1);
 	evbuffer_freeze(in, 0);
-	if (r != 0)
+	if (added != 0)
 		return;
-	wpa_cli_event_dispatch((const char *)EVBUFFER_DATA(in));
-	evbuffer_drain(in, EVBUFFER_LENGTH(in));
+	wpa_cli_event_dispatch(reinterpret_cast<const char *>(evbuffer_pullup(in, -1)));
+	evbuffer_drain(in, evbuffer_get_length(in));
 }
 
-static int
-wpa_cli_open(void)
+// Without a control socket the path is the directory itself, never opened.
+bool open_connections(WpaCliClient &c)
 {
-	wpa_cli->ctrl_conn = wpa_ctrl_open(wpa_cli_path);
-	if (wpa_cli->ctrl_conn == NULL) {
-		printf("WPACli: Failed to open connection to wpa_supplicant on %s\n",
-		       wpa_cli_path);
-		return -1;
+	std::string path = c.ifname ? std::string(ctrl_dir) + "/" + *c.ifname : ctrl_dir;
+	if (c.ifname)
+		c.ctrl_conn.reset(wpa_ctrl_open(path.c_str()));
+	if (!c.ctrl_conn) {
+		printf("WPACli: Failed to open connection to wpa_supplicant on %s\n", path.c_str());
+		return false;
 	}
-	wpa_cli->mon_conn = wpa_ctrl_open(wpa_cli_path);
-	if (wpa_cli->mon_conn == NULL)
-		return -1;
-	if (wpa_ctrl_attach(wpa_cli->mon_conn) != 0) {
+	c.mon_conn.reset(wpa_ctrl_open(path.c_str()));
+	if (!c.mon_conn)
+		return false;
+	if (wpa_ctrl_attach(c.mon_conn.get()) != 0) {
 		puts("WPACli: Failed to attach to wpa_supplicant");
-		return -1;
+		return false;
 	}
-	return 0;
+	return true;
 }
 
-static int
-wpa_cli_listen(void)
+bool listen(WpaCliClient &c)
 {
-	struct bufferevent *bev = bufferevent_new(wpa_ctrl_get_fd(wpa_cli->mon_conn),
-						  wpa_cli_read, NULL, NULL, wpa_cli);
-
-	if (bev == NULL)
-		return -1;
-	wpa_cli->bev = bev;
-	if (bufferevent_base_set(get_event_base(), bev) != 0 ||
-	    bufferevent_enable(bev, EV_READ) != 0)
-		return -1;
-	return 0;
+	c.bev.reset(bufferevent_new(wpa_ctrl_get_fd(c.mon_conn.get()), read_events, nullptr,
+				    nullptr, nullptr));
+	return c.bev && bufferevent_base_set(get_event_base(), c.bev.get()) == 0 &&
+	       bufferevent_enable(c.bev.get(), EV_READ) == 0;
 }
 
-/* A failed initialisation closes what it opened; the record stays
- * pointed at, as the spec's step 2 leaves it. */
-static void
-wpa_cli_close_all(void)
-{
-	if (wpa_cli->bev != NULL)
-		bufferevent_free(wpa_cli->bev);
-	wpa_ctrl_close(wpa_cli->mon_conn);
-	wpa_ctrl_close(wpa_cli->ctrl_conn);
-	free(wpa_cli->ifname);
-	wpa_cli->bev = NULL;
-	wpa_cli->mon_conn = NULL;
-	wpa_cli->ctrl_conn = NULL;
-	wpa_cli->ifname = NULL;
-}
+void show_event(char *msg, size_t) { printf("WPACli: Show event message from WPA: [%s]\n", msg); }
 
-int
-wpa_cli_init(void)
+}  // namespace
+
+int wpa_cli_init()
 {
-	if (wpa_cli_attached)
+	if (client && client->bev)
 		return 0;
-	memset(&wpa_cli_rec, 0, sizeof(wpa_cli_rec));
-	wpa_cli = &wpa_cli_rec;
-	wpa_cli->ifname = wpa_cli_choose_ifname();
-	if (wpa_cli_set_path(wpa_cli->ifname) != 0) {
-		printf("WPACli: Failed to open connection to wpa_supplicant on %s\n",
-		       wpa_cli_path);
-		wpa_cli_close_all();
+	WpaCliClient &c = client.emplace();
+	c.ifname = choose_ifname();
+	if (!open_connections(c) || !listen(c)) {
+		client.emplace();
 		return -1;
 	}
-	if (wpa_cli_open() != 0 || wpa_cli_listen() != 0) {
-		wpa_cli_close_all();
-		return -1;
-	}
-	wpa_cli_attached = 1;
 	puts("WPACli: Initialize interface for wpa_supplicant successful");
 	return 0;
 }
 
-void
-wpa_cli_deinit(void)
+void wpa_cli_deinit()
 {
-	if (wpa_cli != NULL) {
-		if (wpa_cli->mon_conn != NULL)
-			wpa_ctrl_detach(wpa_cli->mon_conn);
-		wpa_cli_close_all();
-	}
-	wpa_cli_attached = 0;
-	memset(&wpa_cli_rec, 0, sizeof(wpa_cli_rec));
-	wpa_cli = NULL;
+	if (client && client->mon_conn)
+		wpa_ctrl_detach(client->mon_conn.get());
+	client.reset();
 }
 
-static void
-wpa_cli_msg_cb(char *msg, size_t len)
+void wpa_cli_event_dispatch(const char *msg)
 {
-	(void)len;
-	printf("WPACli: Show event message from WPA: [%s]\n", msg);
+	std::string_view raw = msg, text = raw;
+	if (size_t end = raw.find('>'); raw.starts_with('<') && end != raw.npos)
+		text.remove_prefix(end + 1);
+	if (text.starts_with("CTRL-EVENT-BSS-REMOVED "))
+		return;
+	printf("WPACli: Event from WPA [%s]\n", msg);
+	auto name = std::find_if(std::begin(events), std::end(events),
+				 [&](std::string_view e) { return text.starts_with(e); });
+	if (name == std::end(events) || !client)
+		return;
+	const char *arg = nullptr;
+	if (name == std::begin(events))
+		arg = msg + raw.size() - std::min(raw.size(), mac_len);
+	for (wpa_cli_eh &eh : client->eh)
+		if (eh.handler != nullptr && str_match(*name, eh.prefix))
+			eh.handler(*name, arg, &eh);
 }
 
-int
-wpa_cli_send(const char *cmd, char *reply, size_t *reply_len)
+int wpa_cli_send(const char *cmd, char *reply, size_t *reply_len)
 {
-	char own[WPA_CLI_REPLY_MAX];
-	size_t len = 0;
-	int ret;
-
-	if (reply == NULL)
-		reply = own;
-	if (wpa_cli == NULL || wpa_cli->ctrl_conn == NULL) {
+	std::array<char, reply_max> own;
+	if (reply == nullptr)
+		reply = own.data();
+	if (!client || !client->ctrl_conn) {
 		printf("WPACli: Not connected to wpa_supplicant, command %s dropped\n", cmd);
 		return -1;
 	}
-	/* Reply size 0: the reply is consumed, not kept (no caller reads it). */
-	ret = wpa_ctrl_request(wpa_cli->ctrl_conn, cmd, strlen(cmd), reply, &len,
-			       wpa_cli_msg_cb);
+	// A reply size of 0: the reply is consumed, not kept (no caller reads it).
+	size_t len = 0;
+	int ret = wpa_ctrl_request(client->ctrl_conn.get(), cmd, strlen(cmd), reply, &len,
+				   show_event);
 	if (ret < 0) {
-		if (ret == -2)
-			printf("WPACli: '%s' command timed out.\n", cmd);
-		else
-			printf("WPACli: '%s' command failed.\n", cmd);
+		printf(ret == -2 ? "WPACli: '%s' command timed out.\n"
+				 : "WPACli: '%s' command failed.\n", cmd);
 		printf("WPACli: wpa_cli_send: Failed, %d\n", ret);
 		return -1;
 	}
-	if (len != 0 && reply_len != NULL)
+	if (len != 0 && reply_len != nullptr)
 		*reply_len = len;
-	if (len >= 1 && len < WPA_CLI_REPLY_MAX) {
+	if (len >= 1 && len < reply_max) {
 		reply[len] = '\0';
 		printf("WPACli: wpa_cli_send: WPA reply %s\n", reply);
 	}
 	return 0;
 }
 
-int
-wpa_cli_eh_register(const char *prefix, wpa_cli_eh_fn handler)
+int wpa_cli_eh_register(const char *prefix, wpa_cli_eh_fn handler)
 {
-	size_t i;
-
-	if (wpa_cli == NULL || handler == NULL)
+	if (!client || handler == nullptr)
 		return 0;
-	for (i = 0; i < WPA_CLI_EH_MAX; i++) {
-		if (wpa_cli->eh[i].handler == NULL) {
-			wpa_cli->eh[i].prefix = prefix;
-			wpa_cli->eh[i].handler = handler;
-			return 0;
-		}
+	auto slot = std::find_if(client->eh.begin(), client->eh.end(),
+				 [](const wpa_cli_eh &eh) { return eh.handler == nullptr; });
+	if (slot == client->eh.end()) {
+		puts("WPACli: Exceed Maximum EH count");
+		return -1;
 	}
-	puts("WPACli: Exceed Maximum EH count");
-	return -1;
+	*slot = {prefix, handler};
+	return 0;
 }

@@ -1,4 +1,5 @@
-/* wpa_supplicant control interface client: hostap's wpa_ctrl API. */
+// The supplicant's control-interface client, with the platform library's
+// C names and signatures.
 #ifndef WPA_CTRL_H
 #define WPA_CTRL_H
 

@@ -125,3 +125,19 @@ def test_join_an_open_hotspot_lose_it_and_fall_back_to_slot_2(daemon, sandbox, s
     wait_for(lambda: rt(sandbox, "wan_status") == b'"WAN_UP"\0')
     wait_for(lambda: ["/sbin/uaputl.exe", "bss_stop"] in sandbox.cmdlog())
     assert rt(sandbox, "wifi_sta_status") == b'"Connected"\0'
+
+
+def test_join_a_hotspot_whose_name_holds_double_quotes(daemon, sandbox, station):
+    """The supplicant reads a quoted SSID up to the last quote of its line, so
+    a name with double quotes is written as it is, joined and remembered."""
+    name = 'say "hi", ok=1;\'x\''
+    sandbox.store_set("sysconf", "wan_sta_ssid", text(name))
+    sandbox.store_set("sysconf", "ap_profile", b"[ ]\0")
+    sandbox.store_set("rtconf", "wan_status", text("WAN_DOWN"))
+    assert revalidate(sandbox, {"wpa": {"action": "start"}}) == SUCCESS
+    assert revalidate(sandbox, {"wan": {"action": "start"}}) == SUCCESS
+    assert sandbox.read_text(CONF) == open_file(name)
+    wait_for(lambda: wpa_state(sandbox)["wpa_state"] == "COMPLETED")
+    assert wpa_cli(sandbox, "get_network", "0", "ssid") == f'"{name}"'.encode()
+    wait_for(lambda: rt(sandbox, "wan_status") == b'"WAN_UP"\0')
+    wait_for(lambda: sys(sandbox, "wan_sta_ssid1") == text(name))
