@@ -22,11 +22,6 @@
 #include "core/owned.h"
 #include "tools/toolutil.h"
 
-namespace hx::tools {
-// The help lists out of memory with the store failures.
-const int out_of_memory_status = 3;
-}  // namespace hx::tools
-
 namespace {
 
 using hx::conf::Store;

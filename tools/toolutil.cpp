@@ -30,7 +30,7 @@ int option_error(int c, char **argv)
 
 void out_of_memory()
 {
-	errx(out_of_memory_status, "out of memory");
+	errx(3, "out of memory");
 }
 
 void add(json_object *object, const char *key, json::Ptr value)

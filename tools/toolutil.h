@@ -20,9 +20,6 @@ using Args = std::span<char *const>;
 
 inline constexpr int usage_status = EX_USAGE;
 
-// The exit status after an allocation failure; each tool defines it.
-extern const int out_of_memory_status;
-
 // Prints "PROG: message" and a pointer to --help on stderr; returns
 // usage_status.
 int usage_error(const char *format, ...) __attribute__((format(printf, 1, 2)));
@@ -31,7 +28,8 @@ int usage_error(const char *format, ...) __attribute__((format(printf, 1, 2)));
 // option), for an option string that starts with ':' and opterr 0.
 int option_error(int c, char **argv);
 
-// "PROG: out of memory", then exit with out_of_memory_status.
+// "PROG: out of memory", then exit status 3: hxctl's help lists it with
+// the connection failures, sysconf's with the store failures.
 [[noreturn]] void out_of_memory();
 
 // p, unless it is null: a short-lived tool has nothing to clean up, and
