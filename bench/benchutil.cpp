@@ -1,179 +1,154 @@
+#include "bench/benchutil.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
 
-#include "benchutil.h"
+#include <algorithm>
+#include <array>
+#include <numeric>
+#include <string_view>
 
-uint64_t
-bench_now_ns(void)
+namespace hx::bench {
+
+namespace {
+
+// Nearest-rank percentile of sorted v: the smallest value with at least p
+// percent of the samples at or below it.
+uint64_t rank(std::span<const uint64_t> v, size_t p)
 {
-	struct timespec ts;
-
-	clock_gettime(CLOCK_MONOTONIC, &ts);
-	return (uint64_t)ts.tv_sec * 1000000000u + (uint64_t)ts.tv_nsec;
+	size_t k = (v.size() * p + 99) / 100;
+	return v[k > 0 ? k - 1 : 0];
 }
 
-void
-bench_sleep_ns(uint64_t ns)
-{
-	struct timespec ts = { (time_t)(ns / 1000000000u), (long)(ns % 1000000000u) };
+}  // namespace
 
+uint64_t now_ns()
+{
+	timespec ts;
+	clock_gettime(CLOCK_MONOTONIC, &ts);
+	return static_cast<uint64_t>(ts.tv_sec) * 1000000000u + static_cast<uint64_t>(ts.tv_nsec);
+}
+
+void sleep_ns(uint64_t ns)
+{
+	timespec ts = {static_cast<time_t>(ns / 1000000000u), static_cast<long>(ns % 1000000000u)};
 	while (nanosleep(&ts, &ts) != 0 && errno == EINTR)
 		;
 }
 
-static int
-u64_cmp(const void *a, const void *b)
+Stats stats(std::span<uint64_t> v)
 {
-	uint64_t x = *(const uint64_t *)a, y = *(const uint64_t *)b;
-
-	return (x > y) - (x < y);
+	Stats st;
+	if (v.empty())
+		return st;
+	std::sort(v.begin(), v.end());
+	double sum = std::accumulate(v.begin(), v.end(), 0.0,
+				     [](double s, uint64_t x) { return s + static_cast<double>(x); });
+	st.n = v.size();
+	st.median_ns = rank(v, 50);
+	st.p99_ns = rank(v, 99);
+	st.min_ns = v.front();
+	st.max_ns = v.back();
+	st.mean_ns = sum / static_cast<double>(v.size());
+	return st;
 }
 
-/* Nearest-rank percentile of sorted v: the smallest value with at least
- * p percent of the samples at or below it. */
-static uint64_t
-rank(const uint64_t *v, size_t n, unsigned int p)
-{
-	size_t k = (n * p + 99) / 100;
-
-	return v[k > 0 ? k - 1 : 0];
-}
-
-void
-bench_stats_calc(uint64_t *v, size_t n, struct bench_stats *st)
-{
-	double sum = 0;
-	size_t i;
-
-	memset(st, 0, sizeof(*st));
-	if (n == 0)
-		return;
-	qsort(v, n, sizeof(*v), u64_cmp);
-	for (i = 0; i < n; i++)
-		sum += (double)v[i];
-	st->n = n;
-	st->median_ns = rank(v, n, 50);
-	st->p99_ns = rank(v, n, 99);
-	st->min_ns = v[0];
-	st->max_ns = v[n - 1];
-	st->mean_ns = sum / (double)n;
-}
-
-void
-bench_stats_print(FILE *f, const struct bench_stats *st)
+void print(FILE *f, const Stats &st)
 {
 	fprintf(f, "\"n\": %zu, \"median_ns\": %llu, \"p99_ns\": %llu, \"max_ns\": %llu, "
 		"\"min_ns\": %llu, \"mean_ns\": %.0f",
-		st->n, (unsigned long long)st->median_ns, (unsigned long long)st->p99_ns,
-		(unsigned long long)st->max_ns, (unsigned long long)st->min_ns, st->mean_ns);
+		st.n, static_cast<unsigned long long>(st.median_ns),
+		static_cast<unsigned long long>(st.p99_ns), static_cast<unsigned long long>(st.max_ns),
+		static_cast<unsigned long long>(st.min_ns), st.mean_ns);
 }
 
-long
-json_end_feed(struct json_end *je, const char *p, size_t n)
+long JsonEnd::feed(std::string_view bytes)
 {
-	size_t i;
-
-	for (i = 0; i < n; i++) {
-		char c = p[i];
-
-		if (je->in_string) {
-			if (je->escape)
-				je->escape = 0;
+	for (size_t i = 0; i < bytes.size(); i++) {
+		char c = bytes[i];
+		if (in_string_) {
+			if (escape_)
+				escape_ = false;
 			else if (c == '\\')
-				je->escape = 1;
+				escape_ = true;
 			else if (c == '"')
-				je->in_string = 0;
-			continue;
-		}
-		if (!je->started) {
-			if (c == '{') {
-				je->started = 1;
-				je->depth = 1;
-			} else if (c != ' ' && c != '\t' && c != '\n' && c != '\r') {
-				je->bad = 1;
+				in_string_ = false;
+		} else if (!started_) {
+			if (c == '{')
+				started_ = true;
+			else if (c != ' ' && c != '\t' && c != '\n' && c != '\r')
 				return -1;
-			}
-			continue;
+		} else if (c == '"') {
+			in_string_ = true;
+		} else if (c == '{' || c == '[') {
+			depth_++;
+		} else if ((c == '}' || c == ']') && --depth_ == 0) {
+			return static_cast<long>(i + 1);
 		}
-		if (c == '"')
-			je->in_string = 1;
-		else if (c == '{' || c == '[')
-			je->depth++;
-		else if ((c == '}' || c == ']') && --je->depth == 0)
-			return (long)(i + 1);
 	}
 	return 0;
 }
 
-int
-bench_connect(const char *path, int nonblock)
+UniqueFd connect_unix(const char *path, bool nonblock)
 {
-	struct sockaddr_un addr = {};
+	sockaddr_un addr{};
 	addr.sun_family = AF_UNIX;
-	int fd;
-
-	if (strlen(path) >= sizeof(addr.sun_path)) {
+	size_t len = strlen(path);
+	if (len >= sizeof(addr.sun_path)) {
 		errno = ENAMETOOLONG;
-		return -1;
+		return {};
 	}
-	strcpy(addr.sun_path, path);
-	fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | (nonblock ? SOCK_NONBLOCK : 0), 0);
-	if (fd < 0)
-		return -1;
-	if (connect(fd, (struct sockaddr *)&addr, sizeof(addr)) != 0) {
+	memcpy(addr.sun_path, path, len);
+	UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | (nonblock ? SOCK_NONBLOCK : 0), 0));
+	if (fd && connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0) {
 		int e = errno;
-
-		close(fd);
+		fd.reset();
 		errno = e;
-		return -1;
 	}
 	return fd;
 }
 
-char *
-bench_read_file(const char *path, size_t *len)
+bool read_file(const char *path, Bytes &text)
 {
-	int fd = open(path, O_RDONLY | O_CLOEXEC);
-	struct stat st;
-	char *buf = NULL;
-	size_t got = 0;
-
-	if (fd < 0)
-		return NULL;
-	if (fstat(fd, &st) != 0 || (buf = (char *)malloc((size_t)st.st_size + 1)) == NULL)
-		goto fail;
-	while (got < (size_t)st.st_size) {
-		ssize_t r = read(fd, buf + got, (size_t)st.st_size - got);
-
-		if (r < 0 && errno == EINTR)
-			continue;
-		if (r <= 0)
-			goto fail;
-		got += (size_t)r;
+	UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
+	std::array<char, 65536> buf;
+	ssize_t got = -1;
+	while (fd && (got = read(fd.get(), buf.data(), buf.size())) != 0) {
+		if (got < 0 && errno != EINTR)
+			return false;
+		text.append({buf.data(), got > 0 ? static_cast<size_t>(got) : 0});
 	}
-	buf[got] = '\0';
-	close(fd);
-	*len = got;
-	return buf;
-fail:
-	free(buf);
-	close(fd);
-	return NULL;
+	return static_cast<bool>(fd);
 }
 
-void
-bench_die(const char *prog, const char *msg, int errno_too)
+void Bytes::append(std::string_view s)
 {
-	if (errno_too)
+	if (capacity_ - size_ < s.size() + 1) {
+		capacity_ = (size_ + s.size() + 1) * 2;
+		char *grown = static_cast<char *>(realloc(data_.get(), capacity_));
+		if (grown == nullptr)
+			die("bench", "out of memory", false);
+		(void)data_.release();
+		data_.reset(grown);
+	}
+	memcpy(data_.get() + size_, s.data(), s.size());
+	size_ += s.size();
+	data_.get()[size_] = '\0';
+}
+
+void die(const char *prog, const char *msg, bool with_errno)
+{
+	if (with_errno)
 		fprintf(stderr, "%s: %s: %s\n", prog, msg, strerror(errno));
 	else
 		fprintf(stderr, "%s: %s\n", prog, msg);
 	exit(2);
 }
+
+}  // namespace hx::bench

@@ -398,7 +398,7 @@ def memory_sequence(b, start, cfg, name, sock):
 
 
 def heap_check(b, cfg):
-    """Heap bytes in use (glibc mallinfo2, through bench/hxheap.c preloaded
+    """Heap bytes in use (glibc mallinfo2, through bench/hxheap.cpp preloaded
     into a separate hxsrvd, with the thread cache off so that the figure is
     exact) after the warm-up and after each fifth of the mixed requests: a
     leak grows them; allocator fragmentation does not."""
@@ -683,7 +683,7 @@ def table(res):
                 for x in [dict(w, anonymous_kib=w["anonymous_kib"])] + ser)]
     h = res["heap"]["series"]
     out += ["", "hxsrvd heap in use (bytes, glibc mallinfo2, a separate instance with "
-            "bench/hxheap.c preloaded): " + ", ".join(
+            "bench/hxheap.cpp preloaded): " + ", ".join(
                 f"{x['requests']:,}{' (' + x['after'] + ')' if 'after' in x else ''}: "
                 f"{x['in_use']:,} (arena {x['arena'] // 1024} KiB)" for x in h)]
     c, su = res["client"], res["startup"]
@@ -942,7 +942,7 @@ def main():
         mem = {}
         log("memory: hxsrvd alone")
         mem["hxsrvd"] = memory_sequence(b, b.daemon, cfg, "hxsrvd", SOCKET)
-        log("memory: heap check (hxsrvd with bench/hxheap.c preloaded)")
+        log("memory: heap check (hxsrvd with bench/hxheap.cpp preloaded)")
         res["heap"] = heap_check(b, cfg)
         log("memory: floor alone")
         mem["floor"] = memory_sequence(b, lambda: b.floor(floor_reply), cfg, "floor",

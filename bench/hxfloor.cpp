@@ -1,17 +1,16 @@
-/* hxfloor: the floor server of the benchmarks.
- *
- * A minimal libevent Unix-socket server with hxsrvd's framing (Part 1.2:
- * listen backlog 128, one bufferevent per connection with 60 s read and
- * write time-outs, a read of more than 8 bytes is one request, the reply is
- * bare JSON and the server does not close) that answers every request with
- * the same fixed bytes, read from REPLY (normally the daemon's own reply to
- * the scenario, so the sizes match) without parsing or touching any store.
- * It uses the same libevent 1.4-style calls as the daemon.  SIGTERM or
- * SIGINT ends it with status 0.
- *
- *   hxfloor -s SOCKET -r REPLY */
+// hxfloor: the floor server of the benchmarks.
+//
+// A minimal libevent Unix-socket server with hxsrvd's framing (listen
+// backlog 128, one bufferevent per connection with 60 s read and write
+// time-outs, a read of more than 8 bytes is one request, the reply is bare
+// JSON and the server does not close) that answers every request with the
+// same fixed bytes, read from REPLY (normally the daemon's own reply to the
+// scenario, so the sizes match) without parsing or touching any store.  It
+// uses the same libevent 1.4-style calls as the daemon.  SIGTERM or SIGINT
+// ends it with status 0.
+//
+//   hxfloor -s SOCKET -r REPLY
 #include <errno.h>
-#include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
@@ -21,125 +20,111 @@
 
 #include <event.h>
 
-#include "benchutil.h"
+#include "bench/benchutil.h"
 
-#define PROG "hxfloor"
-#define BACKLOG 128
-#define TIMEOUT 60
-#define MIN_REQUEST 8
+namespace {
 
-static char *reply;
-static size_t reply_len;
-static const char *sock_path;
+constexpr const char *prog = "hxfloor";
+constexpr int backlog = 128;
+constexpr int timeout = 60;
+constexpr size_t min_request = 8;
 
-static void
-closed(struct bufferevent *bev, short what, void *arg)
+hx::bench::Bytes reply;
+const char *sock_path;
+
+using Connection = hx::Owned<bufferevent, bufferevent_free>;
+
+// The loop owns each client from its accept to here: the buffered
+// connection is freed first, then its descriptor (the argument) closed.
+void closed(bufferevent *bev, short, void *arg)
 {
-	int fd = (int)(intptr_t)arg;
-
-	(void)what;
-	bufferevent_free(bev);
-	close(fd);
+	hx::UniqueFd fd(static_cast<int>(reinterpret_cast<intptr_t>(arg)));
+	Connection connection(bev);
 }
 
-static void
-readable(struct bufferevent *bev, void *arg)
+void readable(bufferevent *bev, void *)
 {
-	struct evbuffer *in = EVBUFFER_INPUT(bev);
+	evbuffer *in = EVBUFFER_INPUT(bev);
 	size_t len = EVBUFFER_LENGTH(in);
-
-	(void)arg;
-	if (len > MIN_REQUEST)
-		bufferevent_write(bev, reply, reply_len);
+	if (len > min_request)
+		bufferevent_write(bev, reply.c_str(), reply.size());
 	evbuffer_drain(in, len);
 }
 
-static void
-written(struct bufferevent *bev, void *arg)
+void written(bufferevent *, void *)
 {
-	(void)bev;
-	(void)arg;
 }
 
-static void
-accepted(evutil_socket_t lfd, short events, void *arg)
+void accepted(evutil_socket_t lfd, short, void *arg)
 {
-	struct event_base *base = static_cast<struct event_base *>(arg);
-	int fd;
-
-	(void)events;
-	while ((fd = accept4(lfd, NULL, NULL, SOCK_CLOEXEC)) >= 0) {
-		struct bufferevent *bev = bufferevent_new(fd, readable, written, closed,
-							  (void *)(intptr_t)fd);
-
-		if (bev == NULL) {
-			close(fd);
+	event_base *base = static_cast<event_base *>(arg);
+	for (;;) {
+		hx::UniqueFd fd(accept4(lfd, nullptr, nullptr, SOCK_CLOEXEC));
+		if (!fd)
+			return;
+		void *fd_arg = reinterpret_cast<void *>(static_cast<intptr_t>(fd.get()));
+		Connection bev(bufferevent_new(fd.get(), readable, written, closed, fd_arg));
+		if (!bev)
 			continue;
-		}
-		bufferevent_base_set(base, bev);
-		bufferevent_settimeout(bev, TIMEOUT, TIMEOUT);
-		bufferevent_enable(bev, EV_READ);
+		bufferevent_base_set(base, bev.get());
+		bufferevent_settimeout(bev.get(), timeout, timeout);
+		bufferevent_enable(bev.get(), EV_READ);
+		// Until closed() takes them back.
+		(void)bev.release();
+		(void)fd.release();
 	}
 }
 
-static void
-stop(evutil_socket_t sig, short events, void *arg)
+void stop(evutil_socket_t, short, void *)
 {
-	(void)sig;
-	(void)events;
-	(void)arg;
 	unlink(sock_path);
 	exit(0);
 }
 
-static int
-listen_on(const char *path)
+int listen_on(const char *path)
 {
-	struct sockaddr_un addr = {};
+	sockaddr_un addr{};
 	addr.sun_family = AF_UNIX;
 	int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-
 	if (fd < 0 || strlen(path) >= sizeof(addr.sun_path))
-		bench_die(PROG, "socket", 1);
-	strcpy(addr.sun_path, path);
+		hx::bench::die(prog, "socket", true);
+	memcpy(addr.sun_path, path, strlen(path));
 	unlink(path);
-	if (bind(fd, (struct sockaddr *)&addr, sizeof(addr)) != 0 || listen(fd, BACKLOG) != 0)
-		bench_die(PROG, path, 1);
+	if (bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0 || listen(fd, backlog) != 0)
+		hx::bench::die(prog, path, true);
 	return fd;
 }
 
-int
-main(int argc, char *argv[])
-{
-	static struct event accept_ev, sig_ev[2];
-	struct event_base *base;
-	const char *reply_path = NULL;
-	int c, fd;
+}  // namespace
 
+int main(int argc, char *argv[])
+{
+	// Registered with the loop, which runs until exit.
+	static event accept_ev, sig_ev[2];
+	const char *reply_path = nullptr;
+	int c;
 	while ((c = getopt(argc, argv, "s:r:")) != -1) {
 		if (c == 's')
 			sock_path = optarg;
 		else if (c == 'r')
 			reply_path = optarg;
 		else
-			bench_die(PROG, "usage: hxfloor -s SOCKET -r REPLY", 0);
+			hx::bench::die(prog, "usage: hxfloor -s SOCKET -r REPLY", false);
 	}
-	if (sock_path == NULL || reply_path == NULL || optind != argc)
-		bench_die(PROG, "usage: hxfloor -s SOCKET -r REPLY", 0);
-	reply = bench_read_file(reply_path, &reply_len);
-	if (reply == NULL)
-		bench_die(PROG, reply_path, 1);
+	if (sock_path == nullptr || reply_path == nullptr || optind != argc)
+		hx::bench::die(prog, "usage: hxfloor -s SOCKET -r REPLY", false);
+	if (!hx::bench::read_file(reply_path, reply))
+		hx::bench::die(prog, reply_path, true);
 	signal(SIGPIPE, SIG_IGN);
-	base = event_init();
-	fd = listen_on(sock_path);
-	event_set(&accept_ev, fd, EV_READ | EV_PERSIST, accepted, base);
+	event_base *base = event_init();
+	event_set(&accept_ev, listen_on(sock_path), EV_READ | EV_PERSIST, accepted, base);
 	event_base_set(base, &accept_ev);
-	event_add(&accept_ev, NULL);
-	event_set(&sig_ev[0], SIGTERM, EV_SIGNAL | EV_PERSIST, stop, NULL);
-	event_set(&sig_ev[1], SIGINT, EV_SIGNAL | EV_PERSIST, stop, NULL);
-	for (c = 0; c < 2; c++) {
-		event_base_set(base, &sig_ev[c]);
-		event_add(&sig_ev[c], NULL);
+	event_add(&accept_ev, nullptr);
+	event_set(&sig_ev[0], SIGTERM, EV_SIGNAL | EV_PERSIST, stop, nullptr);
+	event_set(&sig_ev[1], SIGINT, EV_SIGNAL | EV_PERSIST, stop, nullptr);
+	for (event &ev : sig_ev) {
+		event_base_set(base, &ev);
+		event_add(&ev, nullptr);
 	}
 	event_base_dispatch(base);
 	return 1;

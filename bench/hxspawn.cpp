@@ -1,17 +1,17 @@
-/* hxspawn: whole-process timings with fork and exec, as a shell runs them.
- *
- *   hxspawn [-n N] [-w W] CMD_A [ARG...] :: CMD_B [ARG...]
- *     Runs A and B in turn (A, B, A, B ...), W times each unrecorded first,
- *     then N times each: fork, execv, waitpid, with standard input, output
- *     and error on /dev/null.  Prints {"a": {stats, "failed": F}, "b": {...}};
- *     a run that does not exit with status 0 counts as failed.
- *
- *   hxspawn --startup SOCKET [-n N] [-w W] [-r REQUEST] CMD [ARG...]
- *     Start-up time of a server: fork and exec CMD, then try to connect to
- *     SOCKET every 20 us; "listen" is exec to the first connect that
- *     succeeds, "reply" is exec to the complete reply to REQUEST sent on that
- *     connection (so the connection was accepted and served).  Then SIGTERM
- *     and waitpid.  Prints {"listen": {stats}, "reply": {stats}, "failed": F}. */
+// hxspawn: whole-process timings with fork and exec, as a shell runs them.
+//
+//   hxspawn [-n N] [-w W] CMD_A [ARG...] :: CMD_B [ARG...]
+//     Runs A and B in turn (A, B, A, B ...), W times each unrecorded first,
+//     then N times each: fork, execv, waitpid, with standard input, output
+//     and error on /dev/null.  Prints {"a": {stats, "failed": F}, "b": {...}};
+//     a run that does not exit with status 0 counts as failed.
+//
+//   hxspawn --startup SOCKET [-n N] [-w W] [-r REQUEST] CMD [ARG...]
+//     Start-up time of a server: fork and exec CMD, then try to connect to
+//     SOCKET every 20 us; "listen" is exec to the first connect that
+//     succeeds, "reply" is exec to the complete reply to REQUEST sent on that
+//     connection (so the connection was accepted and served).  Then SIGTERM
+//     and waitpid.  Prints {"listen": {stats}, "reply": {stats}, "failed": F}.
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -21,20 +21,26 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "benchutil.h"
+#include <array>
+#include <optional>
+#include <string_view>
 
-#define PROG "hxspawn"
-#define START_TIMEOUT_NS 10000000000ull
-#define DEFAULT_REQUEST "{\"method\": \"revalidate\", \"arguments\": {}}"
+#include "bench/benchutil.h"
 
-static pid_t
-spawn(char **argv)
+namespace {
+
+using hx::bench::Array;
+using hx::bench::now_ns;
+
+constexpr const char *prog = "hxspawn";
+constexpr uint64_t start_timeout_ns = 10000000000ull;
+constexpr const char *default_request = "{\"method\": \"revalidate\", \"arguments\": {}}";
+
+pid_t spawn(char **argv)
 {
 	pid_t pid = fork();
-
 	if (pid == 0) {
 		int null = open("/dev/null", O_RDWR);
-
 		if (null < 0)
 			_exit(127);
 		dup2(null, 0);
@@ -46,199 +52,178 @@ spawn(char **argv)
 		_exit(127);
 	}
 	if (pid < 0)
-		bench_die(PROG, "fork", 1);
+		hx::bench::die(prog, "fork", true);
 	return pid;
 }
 
-static int
-reap(pid_t pid)
+int reap(pid_t pid)
 {
 	int status;
-
 	while (waitpid(pid, &status, 0) < 0)
 		if (errno != EINTR)
-			bench_die(PROG, "waitpid", 1);
+			hx::bench::die(prog, "waitpid", true);
 	return status;
 }
 
-/* Wall time of one run of argv; *failed is bumped unless it exits 0. */
-static uint64_t
-time_run(char **argv, unsigned long *failed)
+// Wall time of one run of argv; failed is bumped unless it exits 0.
+uint64_t time_run(char **argv, unsigned long &failed)
 {
-	uint64_t t0 = bench_now_ns();
+	uint64_t t0 = now_ns();
 	int status = reap(spawn(argv));
-	uint64_t t1 = bench_now_ns();
-
+	uint64_t t1 = now_ns();
 	if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-		(*failed)++;
+		failed++;
 	return t1 - t0;
 }
 
-static void
-print_stats(const char *name, uint64_t *v, size_t n, unsigned long failed, int last)
+void print_stats(const char *name, std::span<uint64_t> v, unsigned long failed)
 {
-	struct bench_stats st;
-
-	bench_stats_calc(v, n, &st);
 	printf("\"%s\": {", name);
-	bench_stats_print(stdout, &st);
-	printf(", \"failed\": %lu}%s", failed, last ? "" : ", ");
+	hx::bench::print(stdout, hx::bench::stats(v));
+	printf(", \"failed\": %lu}, ", failed);
 }
 
-static int
-compare(char **a, char **b, unsigned long n, unsigned long w)
+int compare(char **a, char **b, unsigned long n, unsigned long w)
 {
-	uint64_t *ta = (uint64_t *)calloc(n + 1, sizeof(*ta)), *tb = (uint64_t *)calloc(n + 1, sizeof(*tb));
-	unsigned long i, fa = 0, fb = 0, fw = 0;
-
-	if (ta == NULL || tb == NULL)
-		bench_die(PROG, "out of memory", 0);
-	for (i = 0; i < w; i++) {
-		time_run(a, &fw);
-		time_run(b, &fw);
+	Array<uint64_t> ta(n), tb(n);
+	unsigned long fa = 0, fb = 0, fw = 0;
+	for (unsigned long i = 0; i < w; i++) {
+		time_run(a, fw);
+		time_run(b, fw);
 	}
-	for (i = 0; i < n; i++) {
-		/* Alternate which one goes first, so neither always follows the other. */
+	for (unsigned long i = 0; i < n; i++) {
+		// Alternate which one goes first, so neither always follows the other.
 		if (i % 2 == 0) {
-			ta[i] = time_run(a, &fa);
-			tb[i] = time_run(b, &fb);
+			ta[i] = time_run(a, fa);
+			tb[i] = time_run(b, fb);
 		} else {
-			tb[i] = time_run(b, &fb);
-			ta[i] = time_run(a, &fa);
+			tb[i] = time_run(b, fb);
+			ta[i] = time_run(a, fa);
 		}
 	}
 	printf("{");
-	print_stats("a", ta, n, fa, 0);
-	print_stats("b", tb, n, fb, 0);
+	print_stats("a", {ta.begin(), n}, fa);
+	print_stats("b", {tb.begin(), n}, fb);
 	printf("\"warmup_failed\": %lu}\n", fw);
 	return 0;
 }
 
-/* Sends request on fd and reads until the JSON object is complete. */
-static int
-ask(int fd, const char *request)
+// Sends request on fd and reads until the JSON object is complete.
+bool ask(int fd, std::string_view request)
 {
-	struct json_end je = {};
-	char buf[4096];
-
-	if (write(fd, request, strlen(request)) != (ssize_t)strlen(request))
-		return -1;
+	hx::bench::JsonEnd end;
+	std::array<char, 4096> buf;
+	if (write(fd, request.data(), request.size()) != static_cast<ssize_t>(request.size()))
+		return false;
 	for (;;) {
-		struct pollfd pfd = { fd, POLLIN, 0 };
-		ssize_t r;
-		long end;
-
+		pollfd pfd = {fd, POLLIN, 0};
 		if (poll(&pfd, 1, 10000) <= 0)
-			return -1;
-		r = read(fd, buf, sizeof(buf));
+			return false;
+		ssize_t r = read(fd, buf.data(), buf.size());
 		if (r <= 0)
-			return -1;
-		end = json_end_feed(&je, buf, (size_t)r);
-		if (end != 0)
-			return end > 0 ? 0 : -1;
+			return false;
+		if (long done = end.feed({buf.data(), static_cast<size_t>(r)}); done != 0)
+			return done > 0;
 	}
 }
 
-/* One start: 0 and both times, or -1. */
-static int
-start_once(char **argv, const char *sock, const char *request, uint64_t *t_listen,
-	   uint64_t *t_reply)
-{
-	uint64_t t0;
-	pid_t pid;
-	int fd = -1, ok = -1;
+struct Start {
+	uint64_t listen_ns = 0, reply_ns = 0;
+};
 
+// One start: its times, or nullopt.
+std::optional<Start> start_once(char **argv, const char *sock, const char *request)
+{
 	unlink(sock);
-	t0 = bench_now_ns();
-	pid = spawn(argv);
-	while (bench_now_ns() - t0 < START_TIMEOUT_NS) {
-		fd = bench_connect(sock, 0);
-		if (fd >= 0)
+	uint64_t t0 = now_ns();
+	pid_t pid = spawn(argv);
+	hx::UniqueFd fd;
+	while (now_ns() - t0 < start_timeout_ns) {
+		fd = hx::bench::connect_unix(sock, false);
+		if (fd)
 			break;
-		if (waitpid(pid, NULL, WNOHANG) == pid) {
+		if (waitpid(pid, nullptr, WNOHANG) == pid) {
 			pid = -1;
 			break;
 		}
-		bench_sleep_ns(20000);
+		hx::bench::sleep_ns(20000);
 	}
-	if (fd >= 0) {
-		*t_listen = bench_now_ns() - t0;
-		if (ask(fd, request) == 0) {
-			*t_reply = bench_now_ns() - t0;
-			ok = 0;
-		}
-		close(fd);
+	std::optional<Start> start;
+	if (fd) {
+		uint64_t listen_ns = now_ns() - t0;
+		if (ask(fd.get(), request))
+			start = Start{listen_ns, now_ns() - t0};
+		fd.reset();
 	}
 	if (pid > 0) {
 		kill(pid, SIGTERM);
 		reap(pid);
 	}
-	return ok;
+	return start;
 }
 
-static int
-startup(char **argv, const char *sock, const char *request, unsigned long n, unsigned long w)
+int startup(char **argv, const char *sock, const char *request, unsigned long n, unsigned long w)
 {
-	uint64_t *tl = (uint64_t *)calloc(n + 1, sizeof(*tl)), *tr = (uint64_t *)calloc(n + 1, sizeof(*tr)), a, b;
-	unsigned long i, failed = 0;
+	Array<uint64_t> tl(n), tr(n);
 	size_t got = 0;
-
-	if (tl == NULL || tr == NULL)
-		bench_die(PROG, "out of memory", 0);
-	for (i = 0; i < w; i++)
-		start_once(argv, sock, request, &a, &b);
-	for (i = 0; i < n; i++) {
-		if (start_once(argv, sock, request, &tl[got], &tr[got]) == 0)
-			got++;
-		else
+	unsigned long failed = 0;
+	for (unsigned long i = 0; i < w; i++)
+		start_once(argv, sock, request);
+	for (unsigned long i = 0; i < n; i++) {
+		if (std::optional<Start> s = start_once(argv, sock, request)) {
+			tl[got] = s->listen_ns;
+			tr[got++] = s->reply_ns;
+		} else {
 			failed++;
+		}
 	}
 	printf("{");
-	print_stats("listen", tl, got, 0, 0);
-	print_stats("reply", tr, got, 0, 0);
+	print_stats("listen", {tl.begin(), got}, 0);
+	print_stats("reply", {tr.begin(), got}, 0);
 	printf("\"failed\": %lu}\n", failed);
 	return 0;
 }
 
-static unsigned long
-number(const char *s)
+unsigned long number(const char *s)
 {
 	char *end;
 	unsigned long v = strtoul(s, &end, 10);
-
 	if (*s == '\0' || *end != '\0')
-		bench_die(PROG, "bad number", 0);
+		hx::bench::die(prog, "bad number", false);
 	return v;
 }
 
-int
-main(int argc, char *argv[])
-{
-	const char *sock = NULL, *request = DEFAULT_REQUEST;
-	unsigned long n = 100, w = 5;
-	int i = 1, j;
+}  // namespace
 
+int main(int argc, char *argv[])
+{
+	const char *sock = nullptr, *request = default_request;
+	unsigned long n = 100, w = 5;
+	int i = 1;
 	for (; i < argc && argv[i][0] == '-'; i++) {
-		if (strcmp(argv[i], "--startup") == 0 && i + 1 < argc)
+		std::string_view opt = argv[i];
+		bool has_value = i + 1 < argc;
+		if (opt == "--startup" && has_value)
 			sock = argv[++i];
-		else if (strcmp(argv[i], "-n") == 0 && i + 1 < argc)
+		else if (opt == "-n" && has_value)
 			n = number(argv[++i]);
-		else if (strcmp(argv[i], "-w") == 0 && i + 1 < argc)
+		else if (opt == "-w" && has_value)
 			w = number(argv[++i]);
-		else if (strcmp(argv[i], "-r") == 0 && i + 1 < argc)
+		else if (opt == "-r" && has_value)
 			request = argv[++i];
 		else
-			bench_die(PROG, "usage: see the comment at the top of hxspawn.c", 0);
+			hx::bench::die(prog, "usage: see the comment at the top of hxspawn.cpp", false);
 	}
 	if (i >= argc)
-		bench_die(PROG, "no command", 0);
+		hx::bench::die(prog, "no command", false);
 	signal(SIGPIPE, SIG_IGN);
-	if (sock != NULL)
+	if (sock != nullptr)
 		return startup(argv + i, sock, request, n, w);
-	for (j = i; j < argc && strcmp(argv[j], "::") != 0; j++)
-		;
+	int j = i;
+	while (j < argc && strcmp(argv[j], "::") != 0)
+		j++;
 	if (j == i || j + 1 >= argc)
-		bench_die(PROG, "usage: hxspawn [-n N] [-w W] CMD_A... :: CMD_B...", 0);
-	argv[j] = NULL;
+		hx::bench::die(prog, "usage: hxspawn [-n N] [-w W] CMD_A... :: CMD_B...", false);
+	argv[j] = nullptr;
 	return compare(argv + i, argv + j + 1, n, w);
 }

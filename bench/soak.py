@@ -223,7 +223,7 @@ def table(res):
            f"{res['build'].get('git', '?')}  ",
            f"{res['requests']:,} mixed requests after a warm-up of {res['warmup']:,}, "
            f"{res['clients']} clients at once, one request per connection; "
-           f"{res['malformed_share']:.0%} malformed; hxsrvd with bench/hxheap.c preloaded, "
+           f"{res['malformed_share']:.0%} malformed; hxsrvd with bench/hxheap.cpp preloaded, "
            "glibc thread cache off", "",
            "| sample | requests | VmRSS KiB | ΔRSS KiB | RssAnon KiB | RssFile KiB | "
            "heap in use B | Δheap B | arena KiB | fds |",

@@ -3,8 +3,8 @@ asserted):  /usr/bin/python3 -m pytest -q bench/test_bench.py
 
 Builds the tools into bench/build, checks hxload's end-of-reply detection
 and counts against hxfloor serving awkward replies in the sandbox, its mixed
-mode (-m) against hxsrvd, hxspawn, and that `bench/run --quick` and a short
-`bench/soak` complete."""
+mode (-m) against hxsrvd, hxspawn, that no tool loads the C++ runtime, and
+that `bench/run --quick` and a short `bench/soak` complete."""
 import json
 import os
 import subprocess
@@ -73,6 +73,16 @@ def test_spawn_counts_failures(bench):
     r = json.loads(bench.run([bench.tool("hxspawn"), "-n", "5", "-w", "0", "/bin/true", "::",
                               "/bin/false"], check=True).stdout)
     assert (r["a"]["n"], r["a"]["failed"], r["b"]["failed"]) == (5, 0, 5)
+
+
+@pytest.mark.parametrize("tool", ["hxload", "hxfloor", "hxspawn", "libhxheap.so"])
+def test_tools_need_nothing_of_the_cpp_runtime(bench, tool):
+    """The floor must stay the smallest server, and a library that hxload
+    maps too would no longer count as the measured server's own memory."""
+    r = subprocess.run(["readelf", "--dyn-syms", "-W", bench.tool(tool)], capture_output=True,
+                       check=True)
+    assert [line for line in r.stdout.decode().splitlines()
+            if "@GLIBCXX" in line or "@CXXABI" in line] == []
 
 
 MIXED = [

@@ -1,6 +1,8 @@
-/* hxctl: the command-line client of hxsrvd.  Sends one request over the
- * daemon's socket (spec Parts 1.2, 2.1) and prints the reply.  Scripts and
- * CGI run it on every call, so it links json-c and nothing else. */
+// hxctl: the command-line client of hxsrvd.  Sends one request over the
+// daemon's socket and prints the reply.  Scripts and CGI programs run it on
+// every call, so it links json-c and libc and nothing of the C++ runtime:
+// no std::string, no operator new, built without exceptions.
+#include <err.h>
 #include <errno.h>
 #include <getopt.h>
 #include <poll.h>
@@ -12,44 +14,44 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <json-c/json.h>
+#include <array>
+#include <utility>
 
-#include "toolutil.h"
+#include "core/owned.h"
+#include "tools/toolutil.h"
 
-#define HXCTL_SOCKET "/var/tmp/socket"
-#define HXCTL_TIMEOUT 30
-#define HXCTL_TIMEOUT_MAX 2000000	/* seconds; keeps milliseconds in an int */
+namespace {
 
-enum hxctl_status {
-	HXCTL_OK = 0,
-	HXCTL_FAILED = 1,	/* the reply's "result" is not "success" */
-	HXCTL_NO_REPLY = 2,	/* closed or timed out before a complete reply */
-	HXCTL_NO_CONNECTION = 3,	/* the request could not be delivered */
-	HXCTL_USAGE = EX_USAGE,	/* 64 */
+using hx::json::Ptr;
+using hx::tools::Args;
+using hx::tools::must;
+using hx::tools::usage_error;
+
+enum Status : int {
+	ok = 0,
+	failed = 1,		// the reply's "result" is not "success"
+	no_reply = 2,		// closed or timed out before a complete reply
+	no_connection = 3,	// the request could not be delivered
 };
 
-/* The help lists out of memory under status 3. */
-const int tool_out_of_memory_status = HXCTL_NO_CONNECTION;
+constexpr long timeout_max = 2000000;	// seconds; keeps milliseconds in an int
 
-struct hxctl_options {
-	const char *socket_path;
-	int timeout;		/* seconds */
-	int pretty;
-	int help;
-	const char *tag;	/* JSON text or plain word, NULL for none */
+struct Options {
+	const char *socket_path = "/var/tmp/socket";
+	int timeout = 30;		// seconds
+	bool pretty = false;
+	bool help = false;
+	const char *tag = nullptr;	// JSON text or plain word
 };
 
-/* Fills a request's "arguments" object from the command's words; returns
- * HXCTL_OK or an exit status, with its message already printed. */
-typedef int (*hxctl_build_fn)(struct json_object *args, int argc, char **argv);
-
-struct hxctl_command {
-	const char *name;
-	const char *method;	/* NULL: the raw request text */
-	hxctl_build_fn build;
+// The request text, and what keeps it alive.
+struct Request {
+	const char *text = nullptr;
+	Ptr json;
+	hx::Owned<char, free> input;	// standard input
 };
 
-static const char hxctl_help[] =
+constexpr char help[] =
 	"Usage: hxctl [-s PATH] [-t SECONDS] [-p] [--tag JSON] COMMAND [ARG...]\n"
 	"Send one request to hxsrvd and print its JSON reply.\n"
 	"\n"
@@ -71,7 +73,7 @@ static const char hxctl_help[] =
 	"                               echo '{\"method\":\"revalidate\",\"arguments\":{}}' | hxctl raw\n"
 	"\n"
 	"Options:\n"
-	"  -s PATH       daemon socket (default " HXCTL_SOCKET ")\n"
+	"  -s PATH       daemon socket (default /var/tmp/socket)\n"
 	"                  hxctl -s /tmp/socket get lan_ipaddr\n"
 	"  -t SECONDS    wait at most SECONDS for the reply (default 30)\n"
 	"                  hxctl -t 120 revalidate wan restart\n"
@@ -88,483 +90,324 @@ static const char hxctl_help[] =
 	"  3   the request could not be sent: connection failed (or out of memory)\n"
 	"  64  usage error\n";
 
-/* Adds val (NULL is JSON null) to obj. */
-static void
-member_add(struct json_object *obj, const char *key, struct json_object *val)
+Ptr string_value(const char *text)
 {
-	if (json_object_object_add(obj, key, val) != 0)
-		must_(NULL);
+	return Ptr(must(json_object_new_string(text)));
 }
 
-/* The value of a command-line text: its JSON value, or else the text itself
- * as a JSON string.  NULL is JSON null. */
-static struct json_object *
-value_parse(const char *text)
+// A command-line text's value: its JSON value, else the text itself as a
+// JSON string.
+Ptr value_of(const char *text)
 {
-	struct json_object *value;
-
-	if (json_text(text, &value))
-		return value;
-	return must(json_object_new_string(text));
+	std::optional<Ptr> value = hx::tools::json_text(text);
+	return value ? std::move(*value) : string_value(text);
 }
 
-static void
-names_add(struct json_object *args, const char *member, int argc, char **argv)
+// Adds each NAME=VALUE word to object.
+int add_assignments(json_object *object, Args words)
 {
-	struct json_object *names = must(json_object_new_array());
-	int i;
-
-	member_add(args, member, names);
-	for (i = 0; i < argc; i++)
-		if (json_object_array_add(names, must(json_object_new_string(argv[i]))) != 0)
-			must_(NULL);
-}
-
-/* Adds each NAME=VALUE word to obj. */
-static int
-assignments_add(struct json_object *obj, int argc, char **argv)
-{
-	int i;
-
-	for (i = 0; i < argc; i++) {
-		const char *eq = strchr(argv[i], '=');
-		char *name;
-
-		if (eq == NULL || eq == argv[i])
-			return usage_error("'%s' is not NAME=VALUE", argv[i]);
-		name = must(strndup(argv[i], (size_t)(eq - argv[i])));
-		member_add(obj, name, value_parse(eq + 1));
-		free(name);
+	for (const char *word : words) {
+		const char *eq = strchr(word, '=');
+		if (eq == nullptr || eq == word)
+			return usage_error("'%s' is not NAME=VALUE", word);
+		hx::Owned<char, free> name(must(strndup(word, static_cast<size_t>(eq - word))));
+		hx::tools::add(object, name.get(), value_of(eq + 1));
 	}
-	return HXCTL_OK;
+	return ok;
 }
 
-static int
-build_get(struct json_object *args, int argc, char **argv)
+int build_names(json_object *args, const char *member, Args words)
 {
-	if (argc < 1)
-		return usage_error("get needs at least one KEY");
-	names_add(args, "confs", argc, argv);
-	return HXCTL_OK;
+	Ptr names(must(json_object_new_array()));
+	for (const char *word : words)
+		if (json_object_array_add(names.get(), string_value(word).release()) != 0)
+			hx::tools::out_of_memory();
+	hx::tools::add(args, member, std::move(names));
+	return ok;
 }
 
-static int
-build_info(struct json_object *args, int argc, char **argv)
+int build_set(json_object *args, const char *member, Args words)
 {
-	if (argc < 1)
-		return usage_error("info needs at least one ITEM");
-	names_add(args, "infos", argc, argv);
-	return HXCTL_OK;
+	Ptr confs(must(json_object_new_object()));
+	json_object *object = confs.get();
+	hx::tools::add(args, member, std::move(confs));
+	return add_assignments(object, words);
 }
 
-static int
-build_set(struct json_object *args, int argc, char **argv)
+// TARGET [ACTION] [NAME=VALUE...]: ACTION is the word after TARGET when it
+// holds no '='.
+int build_revalidate(json_object *args, const char *, Args words)
 {
-	struct json_object *confs = must(json_object_new_object());
-
-	member_add(args, "confs", confs);
-	if (argc < 1)
-		return usage_error("set needs at least one KEY=JSON");
-	return assignments_add(confs, argc, argv);
-}
-
-/* TARGET [ACTION] [NAME=VALUE...]: ACTION is the word after TARGET when it
- * holds no '='. */
-static int
-build_revalidate(struct json_object *args, int argc, char **argv)
-{
-	struct json_object *target = must(json_object_new_object());
-	int first = 1;
-
-	if (argc < 1) {
-		json_object_put(target);
-		return usage_error("revalidate needs a TARGET");
+	Ptr target(must(json_object_new_object()));
+	json_object *object = target.get();
+	hx::tools::add(args, words[0], std::move(target));
+	words = words.subspan(1);
+	if (!words.empty() && strchr(words[0], '=') == nullptr) {
+		hx::tools::add(object, "action", string_value(words[0]));
+		words = words.subspan(1);
 	}
-	member_add(args, argv[0], target);
-	if (argc > 1 && strchr(argv[1], '=') == NULL) {
-		member_add(target, "action", must(json_object_new_string(argv[1])));
-		first = 2;
-	}
-	return assignments_add(target, argc - first, argv + first);
+	return add_assignments(object, words);
 }
 
-static const struct hxctl_command hxctl_commands[] = {
-	{ "get", "pref-get", build_get },
-	{ "info", "pref-get", build_info },
-	{ "set", "pref-set", build_set },
-	{ "revalidate", "revalidate", build_revalidate },
-	{ "raw", NULL, NULL },
+struct Command {
+	const char *name;
+	const char *method;	// nullptr: the raw request text
+	const char *member;	// of "arguments"
+	const char *no_words;	// the usage error without words
+	int (*build)(json_object *args, const char *member, Args words);
 };
 
-static const struct hxctl_command *
-command_find(const char *name)
-{
-	size_t i;
+constexpr Command commands[] = {
+	{"get", "pref-get", "confs", "get needs at least one KEY", build_names},
+	{"info", "pref-get", "infos", "info needs at least one ITEM", build_names},
+	{"set", "pref-set", "confs", "set needs at least one KEY=JSON", build_set},
+	{"revalidate", "revalidate", nullptr, "revalidate needs a TARGET", build_revalidate},
+	{"raw", nullptr, nullptr, nullptr, nullptr},
+};
 
-	for (i = 0; i < sizeof(hxctl_commands) / sizeof(hxctl_commands[0]); i++)
-		if (strcmp(hxctl_commands[i].name, name) == 0)
-			return &hxctl_commands[i];
-	return NULL;
+// Standard input up to its first NUL, which ends the request text anyway;
+// false on a read error, with the reason printed.
+bool read_input(Request &request)
+{
+	char *text = nullptr;
+	size_t size = 0;
+	errno = 0;
+	ssize_t len = getdelim(&text, &size, '\0', stdin);
+	request.input.reset(text);
+	if (len < 0 && errno == ENOMEM)
+		hx::tools::out_of_memory();
+	if (len < 0 && ferror(stdin)) {
+		warn("cannot read standard input");
+		return false;
+	}
+	request.text = len > 0 ? text : "";
+	return true;
 }
 
-/* All of standard input as a NUL-terminated text; NULL on a read error,
- * with the message printed. */
-static char *
-stdin_read(void)
+int raw_request(Request &request, const Options &opt, Args words)
 {
-	size_t len = 0, size = 4096;
-	char *text = must(static_cast<char *>(malloc(size)));
-	size_t n;
-
-	while ((n = fread(text + len, 1, size - len - 1, stdin)) > 0) {
-		len += n;
-		if (len + 1 == size) {
-			size *= 2;
-			text = must(static_cast<char *>(realloc(text, size)));
-		}
-	}
-	if (ferror(stdin)) {
-		fprintf(stderr, "hxctl: cannot read standard input: %s\n", strerror(errno));
-		free(text);
-		return NULL;
-	}
-	text[len] = '\0';
-	return text;
+	if (opt.tag != nullptr)
+		return usage_error("--tag cannot be added to a raw request");
+	if (words.size() > 1)
+		return usage_error("raw takes at most one JSON text");
+	if (!words.empty())
+		request.text = words[0];
+	else if (!read_input(request))
+		return no_connection;
+	if (*request.text == '\0')
+		return usage_error("empty request");
+	return ok;
 }
 
-static char *
-raw_text(const struct hxctl_options *opt, int argc, char **argv, int *status)
+// {"method":...,"arguments":{...}[,"tag":...]} or the raw text.
+int build_request(Request &request, const Options &opt, Args words)
 {
-	char *text;
-
-	*status = HXCTL_USAGE;
-	if (opt->tag != NULL) {
-		usage_error("--tag cannot be added to a raw request");
-		return NULL;
-	}
-	if (argc > 1) {
-		usage_error("raw takes at most one JSON text");
-		return NULL;
-	}
-	text = argc == 1 ? must(strdup(argv[0])) : stdin_read();
-	if (text == NULL) {
-		*status = HXCTL_NO_CONNECTION;
-		return NULL;
-	}
-	if (text[0] == '\0') {
-		usage_error("empty request");
-		free(text);
-		return NULL;
-	}
-	*status = HXCTL_OK;
-	return text;
+	if (words.empty())
+		return usage_error("missing command");
+	const Command *cmd = hx::tools::find(commands, words[0]);
+	if (cmd == nullptr)
+		return usage_error("unknown command '%s'", words[0]);
+	words = words.subspan(1);
+	if (cmd->method == nullptr)
+		return raw_request(request, opt, words);
+	if (words.empty())
+		return usage_error("%s", cmd->no_words);
+	request.json.reset(must(json_object_new_object()));
+	Ptr args(must(json_object_new_object()));
+	json_object *object = args.get();
+	hx::tools::add(request.json.get(), "method", string_value(cmd->method));
+	hx::tools::add(request.json.get(), "arguments", std::move(args));
+	if (int status = cmd->build(object, cmd->member, words); status != ok)
+		return status;
+	if (opt.tag != nullptr)
+		hx::tools::add(request.json.get(), "tag", value_of(opt.tag));
+	request.text = must(json_object_to_json_string_ext(request.json.get(), JSON_C_TO_STRING_PLAIN));
+	return ok;
 }
 
-/* {"method":...,"arguments":{...}[,"tag":...]} as text, or NULL with
- * *status set. */
-static char *
-json_request(const struct hxctl_options *opt, const struct hxctl_command *cmd,
-	     int argc, char **argv, int *status)
-{
-	struct json_object *req = must(json_object_new_object());
-	struct json_object *args = must(json_object_new_object());
-	char *text = NULL;
-
-	member_add(req, "method", must(json_object_new_string(cmd->method)));
-	member_add(req, "arguments", args);
-	*status = cmd->build(args, argc, argv);
-	if (*status == HXCTL_OK) {
-		if (opt->tag != NULL)
-			member_add(req, "tag", value_parse(opt->tag));
-		text = must(strdup(json_object_to_json_string_ext(req, JSON_C_TO_STRING_PLAIN)));
-	}
-	json_object_put(req);
-	return text;
-}
-
-/* The request text for the command words, or NULL with *status set. */
-static char *
-request_build(const struct hxctl_options *opt, int argc, char **argv, int *status)
-{
-	const struct hxctl_command *cmd;
-
-	if (argc < 1) {
-		*status = usage_error("missing command");
-		return NULL;
-	}
-	cmd = command_find(argv[0]);
-	if (cmd == NULL) {
-		*status = usage_error("unknown command '%s'", argv[0]);
-		return NULL;
-	}
-	if (cmd->method == NULL)
-		return raw_text(opt, argc - 1, argv + 1, status);
-	return json_request(opt, cmd, argc - 1, argv + 1, status);
-}
-
-static int
-timeout_parse(const char *text, int *timeout)
+int parse_timeout(const char *text, int &timeout)
 {
 	char *end;
-	long value;
-
 	errno = 0;
-	value = strtol(text, &end, 10);
-	if (errno != 0 || end == text || *end != '\0' || value < 1 || value > HXCTL_TIMEOUT_MAX)
-		return usage_error("bad time-out '%s': whole seconds from 1 to %d expected",
-				   text, HXCTL_TIMEOUT_MAX);
-	*timeout = (int)value;
-	return HXCTL_OK;
+	long value = strtol(text, &end, 10);
+	if (errno != 0 || end == text || *end != '\0' || value < 1 || value > timeout_max)
+		return usage_error("bad time-out '%s': whole seconds from 1 to %ld expected", text,
+				   timeout_max);
+	timeout = static_cast<int>(value);
+	return ok;
 }
 
-static int
-options_parse(struct hxctl_options *opt, int argc, char **argv)
+int parse_options(Options &opt, int argc, char **argv)
 {
-	static const struct option longopts[] = {
-		{ "help", no_argument, NULL, 'h' },
-		{ "tag", required_argument, NULL, 'T' },
-		{ NULL, 0, NULL, 0 },
+	static constexpr option longopts[] = {
+		{"help", no_argument, nullptr, 'h'},
+		{"tag", required_argument, nullptr, 'T'},
+		{nullptr, 0, nullptr, 0},
 	};
-	int c;
-
 	opterr = 0;
-	while ((c = getopt_long(argc, argv, "+:s:t:ph", longopts, NULL)) != -1) {
+	int c;
+	while ((c = getopt_long(argc, argv, "+:s:t:ph", longopts, nullptr)) != -1) {
 		switch (c) {
-		case 's':
-			opt->socket_path = optarg;
-			break;
+		case 's': opt.socket_path = optarg; break;
 		case 't':
-			if (timeout_parse(optarg, &opt->timeout) != HXCTL_OK)
-				return HXCTL_USAGE;
+			if (int status = parse_timeout(optarg, opt.timeout); status != ok)
+				return status;
 			break;
-		case 'p':
-			opt->pretty = 1;
-			break;
-		case 'h':
-			opt->help = 1;
-			return HXCTL_OK;
-		case 'T':
-			opt->tag = optarg;
-			break;
-		default:	/* ':' or '?' */
-			return option_error(c, argv);
+		case 'p': opt.pretty = true; break;
+		case 'h': opt.help = true; return ok;
+		case 'T': opt.tag = optarg; break;
+		default: return hx::tools::option_error(c, argv);	// ':' or '?'
 		}
 	}
-	return HXCTL_OK;
+	return ok;
 }
 
-/* A connected socket, or -1 with the reason printed. */
-static int
-socket_connect(const char *path)
+// A connected socket, or none with the reason printed.
+hx::UniqueFd connect_to(const char *path)
 {
-	struct sockaddr_un addr = {};
+	sockaddr_un addr{};
 	addr.sun_family = AF_UNIX;
-	int fd;
-
-	if (strlen(path) >= sizeof(addr.sun_path)) {
-		fprintf(stderr, "hxctl: cannot connect to %s: socket path too long\n", path);
-		return -1;
+	size_t len = strlen(path);
+	if (len >= sizeof(addr.sun_path)) {
+		warnx("cannot connect to %s: socket path too long", path);
+		return {};
 	}
-	strcpy(addr.sun_path, path);
-	fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-	if (fd < 0 || connect(fd, (struct sockaddr *)&addr, sizeof(addr)) != 0) {
-		fprintf(stderr, "hxctl: cannot connect to %s: %s\n", path, strerror(errno));
-		if (fd >= 0)
-			close(fd);
-		return -1;
+	memcpy(addr.sun_path, path, len);
+	hx::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+	if (!fd || connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0) {
+		warn("cannot connect to %s", path);
+		return {};
 	}
 	return fd;
 }
 
-/* The daemon takes each read as one whole request, so the request goes out
- * in one write; the write side stays open until the reply is read (the
- * daemon closes on EOF and the reply would be lost). */
-static int
-request_send(int fd, const char *path, const char *text)
+// The daemon takes each read as one whole request, so the request goes out
+// in one write; the write side stays open until the reply is read (the
+// daemon closes on end of file and the reply would be lost).
+int send_request(int fd, const char *path, std::string_view text)
 {
-	size_t len = strlen(text);
 	ssize_t n;
-
 	do
-		n = send(fd, text, len, MSG_NOSIGNAL);
+		n = send(fd, text.data(), text.size(), MSG_NOSIGNAL);
 	while (n < 0 && errno == EINTR);
 	if (n < 0) {
-		fprintf(stderr, "hxctl: cannot send request to %s: %s\n", path, strerror(errno));
-		return HXCTL_NO_CONNECTION;
+		warn("cannot send request to %s", path);
+		return no_connection;
 	}
-	if ((size_t)n != len) {
-		fprintf(stderr, "hxctl: cannot send request to %s: short write\n", path);
-		return HXCTL_NO_CONNECTION;
+	if (static_cast<size_t>(n) != text.size()) {
+		warnx("cannot send request to %s: short write", path);
+		return no_connection;
 	}
-	return HXCTL_OK;
+	return ok;
 }
 
-static long long
-now_ms(void)
+long long now_ms()
 {
-	struct timespec ts;
-
+	timespec ts;
 	clock_gettime(CLOCK_MONOTONIC, &ts);
-	return (long long)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
+	return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
-/* 1 when fd is readable (or closed) before the deadline, 0 on time-out,
- * -1 on error. */
-static int
-readable_wait(int fd, long long deadline)
+// One chunk of the reply into buf: its length, 0 at end of file, -1 on
+// time-out or error (reason printed).
+ssize_t read_chunk(int fd, long long deadline, int timeout, std::span<char> buf)
 {
-	struct pollfd pfd = { fd, POLLIN, 0 };
-	int r;
-
+	pollfd pfd = {fd, POLLIN, 0};
+	int ready;
 	do {
 		long long left = deadline - now_ms();
-
-		if (left <= 0)
-			return 0;
-		r = poll(&pfd, 1, (int)left);
-	} while (r < 0 && errno == EINTR);
-	return r;
-}
-
-/* One chunk of the reply into buf: its length, 0 at end of file, -1 on
- * time-out or error (message printed). */
-static ssize_t
-reply_chunk(int fd, long long deadline, int timeout, char *buf, size_t size)
-{
-	ssize_t n;
-	int r = readable_wait(fd, deadline);
-
-	if (r == 0) {
-		fprintf(stderr, "hxctl: no reply after %d s\n", timeout);
+		ready = left > 0 ? poll(&pfd, 1, static_cast<int>(left)) : 0;
+	} while (ready < 0 && errno == EINTR);
+	if (ready == 0) {
+		warnx("no reply after %d s", timeout);
 		return -1;
 	}
-	if (r > 0) {
+	ssize_t n = -1;
+	if (ready > 0) {
 		do
-			n = read(fd, buf, size);
+			n = read(fd, buf.data(), buf.size());
 		while (n < 0 && errno == EINTR);
-		if (n >= 0)
-			return n;
 	}
-	fprintf(stderr, "hxctl: cannot read reply: %s\n", strerror(errno));
-	return -1;
+	if (n < 0)
+		warn("cannot read reply");
+	return n;
 }
 
-/* Feeds one chunk to the tokener: 1 when *reply is complete, 0 when more
- * is needed, -1 on malformed text (message printed). */
-static int
-reply_feed(struct json_tokener *tok, const char *chunk, size_t len, struct json_object **reply)
+// Reads until one complete JSON value: ok with reply (empty for a literal
+// null), or no_reply with the reason printed.
+int read_reply(int fd, int timeout, Ptr &reply)
 {
-	enum json_tokener_error err;
-
-	*reply = json_tokener_parse_ex(tok, chunk, (int)len);
-	err = json_tokener_get_error(tok);
-	if (err == json_tokener_success)
-		return 1;
-	if (err == json_tokener_continue)
-		return 0;
-	fprintf(stderr, "hxctl: malformed reply: %s\n", json_tokener_error_desc(err));
-	return -1;
-}
-
-/* At end of file a NUL completes a pending number; anything else is cut. */
-static int
-reply_end(struct json_tokener *tok, struct json_object **reply)
-{
-	*reply = json_tokener_parse_ex(tok, "", 1);
-	if (json_tokener_get_error(tok) == json_tokener_success)
-		return 1;
-	fputs("hxctl: connection closed without a complete reply\n", stderr);
-	return -1;
-}
-
-/* Reads until one complete JSON value; HXCTL_OK with *reply (NULL for a
- * literal null) or HXCTL_NO_REPLY. */
-static int
-reply_read(int fd, int timeout, struct json_object **reply)
-{
-	struct json_tokener *tok = must(json_tokener_new());
-	long long deadline = now_ms() + (long long)timeout * 1000;
-	char buf[4096];
-	int done = 0;
-
-	while (done == 0) {
-		ssize_t n = reply_chunk(fd, deadline, timeout, buf, sizeof(buf));
-
+	hx::Owned<json_tokener, json_tokener_free> tok(must(json_tokener_new()));
+	long long deadline = now_ms() + static_cast<long long>(timeout) * 1000;
+	std::array<char, 4096> buf;
+	for (;;) {
+		ssize_t n = read_chunk(fd, deadline, timeout, buf);
 		if (n < 0)
-			done = -1;
-		else if (n == 0)
-			done = reply_end(tok, reply);
-		else
-			done = reply_feed(tok, buf, (size_t)n, reply);
+			return no_reply;
+		// At end of file a NUL completes a pending number; anything else is cut.
+		reply.reset(n == 0 ? json_tokener_parse_ex(tok.get(), "", 1)
+				   : json_tokener_parse_ex(tok.get(), buf.data(), static_cast<int>(n)));
+		json_tokener_error err = json_tokener_get_error(tok.get());
+		if (err == json_tokener_success)
+			return ok;
+		if (n == 0) {
+			warnx("connection closed without a complete reply");
+			return no_reply;
+		}
+		if (err != json_tokener_continue) {
+			warnx("malformed reply: %s", json_tokener_error_desc(err));
+			return no_reply;
+		}
 	}
-	json_tokener_free(tok);
-	return done == 1 ? HXCTL_OK : HXCTL_NO_REPLY;
 }
 
-/* Prints the reply on stdout and judges its "result". */
-static int
-reply_report(struct json_object *reply, int pretty)
+// Prints the reply on stdout and judges its "result".
+int report(json_object *reply, bool pretty)
 {
-	int flags = pretty ? JSON_C_TO_STRING_PRETTY : JSON_C_TO_STRING_PLAIN;
-	struct json_object *result = NULL;
-	const char *text;
-	size_t len;
-
-	printf("%s\n", json_object_to_json_string_ext(reply, flags));
+	printf("%s\n", json_object_to_json_string_ext(reply, pretty ? JSON_C_TO_STRING_PRETTY
+								     : JSON_C_TO_STRING_PLAIN));
+	json_object *result = nullptr;
 	if (!json_object_object_get_ex(reply, "result", &result)) {
-		fputs("hxctl: reply without \"result\"\n", stderr);
-		return HXCTL_FAILED;
+		warnx("reply without \"result\"");
+		return failed;
 	}
-	if (json_object_is_type(result, json_type_string)) {
-		text = json_object_get_string(result);
-		if (strcmp(text, "success") == 0)
-			return HXCTL_OK;
-	} else {
-		text = json_object_to_json_string_ext(result, JSON_C_TO_STRING_PLAIN);
-	}
-	len = strlen(text);
-	while (len > 0 && text[len - 1] == '\n')
-		len--;
-	fprintf(stderr, "hxctl: %.*s\n", (int)len, text);
-	return HXCTL_FAILED;
+	bool is_string = hx::json::is(result, json_type_string);
+	std::string_view text = is_string ? hx::json::text(result)
+					  : json_object_to_json_string_ext(result, JSON_C_TO_STRING_PLAIN);
+	if (is_string && text == "success")
+		return ok;
+	while (text.ends_with('\n'))
+		text.remove_suffix(1);
+	warnx("%.*s", static_cast<int>(text.size()), text.data());
+	return failed;
 }
 
-static int
-exchange(const struct hxctl_options *opt, const char *request)
+int exchange(const Options &opt, const char *request)
 {
-	struct json_object *reply = NULL;
-	int fd = socket_connect(opt->socket_path);
-	int status;
-
-	if (fd < 0)
-		return HXCTL_NO_CONNECTION;
-	status = request_send(fd, opt->socket_path, request);
-	if (status == HXCTL_OK)
-		status = reply_read(fd, opt->timeout, &reply);
-	close(fd);
-	if (status == HXCTL_OK)
-		status = reply_report(reply, opt->pretty);
-	json_object_put(reply);
-	return status;
+	hx::UniqueFd fd = connect_to(opt.socket_path);
+	if (!fd)
+		return no_connection;
+	Ptr reply;
+	int status = send_request(fd.get(), opt.socket_path, request);
+	if (status == ok)
+		status = read_reply(fd.get(), opt.timeout, reply);
+	fd.reset();
+	return status == ok ? report(reply.get(), opt.pretty) : status;
 }
 
-int
-main(int argc, char **argv)
-{
-	struct hxctl_options opt = { HXCTL_SOCKET, HXCTL_TIMEOUT, 0, 0, NULL };
-	char *request;
-	int status = options_parse(&opt, argc, argv);
+}  // namespace
 
-	if (status != HXCTL_OK)
+int main(int argc, char **argv)
+{
+	Options opt;
+	if (int status = parse_options(opt, argc, argv); status != ok)
 		return status;
 	if (opt.help) {
-		fputs(hxctl_help, stdout);
-		return HXCTL_OK;
+		fputs(help, stdout);
+		return ok;
 	}
-	request = request_build(&opt, argc - optind, argv + optind, &status);
-	if (request == NULL)
+	Request request;
+	if (int status = build_request(request, opt, Args(argv + optind, argc - optind)); status != ok)
 		return status;
-	status = exchange(&opt, request);
-	free(request);
-	return status;
+	return exchange(opt, request.text);
 }

@@ -1,30 +1,25 @@
-/* What hxctl and sysconf share (see toolutil.h). */
+#include "tools/toolutil.h"
+
 #include <err.h>
-#include <errno.h>
 #include <getopt.h>
 #include <math.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
 
-#include <json-c/json.h>
+namespace hx::tools {
 
-#include "toolutil.h"
-
-int
-usage_error(const char *format, ...)
+int usage_error(const char *format, ...)
 {
 	va_list args;
-
 	va_start(args, format);
 	vwarnx(format, args);
 	va_end(args);
 	fprintf(stderr, "Try '%s --help' for more information.\n", program_invocation_short_name);
-	return EX_USAGE;
+	return usage_status;
 }
 
-int
-option_error(int c, char **argv)
+int option_error(int c, char **argv)
 {
 	if (c == ':')
 		return usage_error("option '%s' needs an argument", argv[optind - 1]);
@@ -33,32 +28,30 @@ option_error(int c, char **argv)
 	return usage_error("unknown option '%s'", argv[optind - 1]);
 }
 
-void *
-must_(void *p)
+void out_of_memory()
 {
-	if (p == NULL)
-		errx(tool_out_of_memory_status, "out of memory");
-	return p;
+	errx(3, "out of memory");
 }
 
-int
-json_text(const char *text, struct json_object **value)
+void add(json_object *object, const char *key, json::Ptr value)
 {
-	struct json_tokener *tok = must(json_tokener_new());
-	enum json_tokener_error err;
-
-	json_tokener_set_flags(tok, JSON_TOKENER_STRICT);
-	/* The length includes the NUL, which ends a trailing number. */
-	*value = json_tokener_parse_ex(tok, text, (int)strlen(text) + 1);
-	err = json_tokener_get_error(tok);
-	json_tokener_free(tok);
-	if (err == json_tokener_success && json_object_is_type(*value, json_type_double) &&
-	    !isfinite(json_object_get_double(*value)))
-		err = json_tokener_error_parse_unexpected;
-	if (err != json_tokener_success) {
-		json_object_put(*value);
-		*value = NULL;
-		return 0;
-	}
-	return 1;
+	// json-c refuses only when it cannot allocate.
+	if (json_object_object_add(object, key, value.get()) != 0)
+		out_of_memory();
+	(void)value.release();
 }
+
+std::optional<json::Ptr> json_text(const char *text)
+{
+	Owned<json_tokener, json_tokener_free> tok(must(json_tokener_new()));
+	json_tokener_set_flags(tok.get(), JSON_TOKENER_STRICT);
+	// The length includes the NUL, which ends a trailing number.
+	json::Ptr value(json_tokener_parse_ex(tok.get(), text, static_cast<int>(strlen(text)) + 1));
+	if (json_tokener_get_error(tok.get()) != json_tokener_success)
+		return std::nullopt;
+	if (json::is(value.get(), json_type_double) && !isfinite(json_object_get_double(value.get())))
+		return std::nullopt;
+	return value;
+}
+
+}  // namespace hx::tools

@@ -222,6 +222,25 @@ def test_raw_from_stdin_is_sent_exactly(serve, sockdir):
         0, b'{"arguments":{},"result":"success"}\n', b"")
 
 
+def test_raw_from_stdin_ends_at_its_first_nul(serve, sockdir):
+    text = b'{"method":"revalidate","arguments":{}}'
+    server = serve()
+    r = exchange(server, sockdir, "raw", input=text + b"\0{junk")
+    assert server.request == text
+    assert (r.returncode, r.stderr) == (0, b"")
+
+
+def test_hxctl_needs_nothing_of_the_cpp_runtime():
+    """Scripts start hxctl on every call: it must not load libstdc++ (an
+    owner's cleanup around a json-c call would need its unwinder unless
+    hxctl is built without exceptions)."""
+    r = subprocess.run(["readelf", "--dyn-syms", "-W", HXCTL[-1]], capture_output=True,
+                       timeout=60, check=True)
+    cxx = [line for line in r.stdout.decode().splitlines()
+           if "@GLIBCXX" in line or "@CXXABI" in line]
+    assert cxx == []
+
+
 def test_long_request_arrives_in_one_piece(serve, sockdir):
     # Just under the 4096 bytes that the daemon's libevent reads at once.
     keys = ["key_%02d_%s" % (i, "k" * 40) for i in range(80)]
