@@ -9,16 +9,16 @@
 #include <array>
 #include <atomic>
 
+// The only state the threads share; atomic, so that setting it while
+// another thread logs is not a data race.
+static std::atomic<gw_log_callback_t> log_callback;
+
 namespace {
 
 // A message is cut to what this buffer holds; the errno text is appended
 // only while the message leaves it room.
 constexpr size_t message_size = 1024;
 constexpr size_t errno_room = 1021;
-
-// The only state the threads share; atomic, so that setting it while
-// another thread logs is not a data race.
-std::atomic<gw_log_callback_t> log_callback;
 
 const char *tag(int level)
 {
