@@ -1,6 +1,5 @@
-// The store layer under its own names, and the key index of the
-// persistent store.  Every function returns 0 on success and -1 on failure
-// unless said otherwise.
+// The store layer under its own names, and the key index of the persistent
+// store.  Results are 0 for success and -1 for failure unless said otherwise.
 #ifndef HX_CONF_CONFDB_H
 #define HX_CONF_CONFDB_H
 
@@ -15,23 +14,20 @@ int confVerify(const char *key);
 // 0 for the read-only keys "product_model" and "product_description", else 1.
 int sysConfKeyAttrGet(const char *key);
 
-// The value without its NUL; nullopt when the store cannot be opened, the
-// key is absent or its value is empty.
+// hx::conf::get and set on each store.
 std::optional<std::string> sysConfGet(const char *key);
 std::optional<std::string> rtConfGet(const char *key);
 std::optional<std::string> sysInfoGet(const char *key);
-// Stores text plus its NUL under key (replace).
 int sysConfSet(const char *key, std::string_view text);
 int rtConfSet(const char *key, std::string_view text);
 
 // Copies src's value to dst: -1 when src has no value.
 int sysConfCopy(const char *dst, const char *src);
-// Exchanges the values of a and b; a key with no value takes the other's
-// and keeps its own (the set from nothing is refused).  Always 0.
+// Exchanges the values of a and b; when one has no value, it takes the
+// other's and the other keeps its own (a set from nothing is refused).  0.
 int sysConfSwap(const char *a, const char *b);
 
-// --- Transitional: the evbuffer and C-enum forms, removed once no caller
-// uses them.
+// --- Transitional: the evbuffer and C-enum forms, until no caller uses them.
 #include <gdbm.h>
 enum conf_store { CONF_SYSCONF, CONF_RTCONF, CONF_SYSINFO };
 const char *confStorePath(enum conf_store store);
@@ -44,6 +40,5 @@ int sysConfSet(const char *key, struct evbuffer *buf);
 int rtConfSet(const char *key, struct evbuffer *buf);
 int confGet(const char *path, const char *key, struct evbuffer *buf);
 int confSet(const char *path, const char *key, struct evbuffer *buf);
-int confSetText(const char *path, const char *key, const char *text);
 
 #endif

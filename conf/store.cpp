@@ -10,11 +10,7 @@ namespace hx::conf {
 
 namespace {
 
-// gdbm hands out malloc'ed records.
-using Record = Owned<char, free>;
-
-// Stores size bytes of data under key; NULL data (nothing to store) is
-// refused like a record the store refuses.
+// No data at all is refused as the store refuses a record.
 int store(const char *path, const char *key, const char *data, size_t size)
 {
 	Db db = open_writer(path);
@@ -33,41 +29,23 @@ int store(const char *path, const char *key, const char *data, size_t size)
 const char *path(Store store)
 {
 	static constexpr const char *env[] = {"DB_FILE", "RT_DB_FILE", "INFO_DB_FILE"};
-	static constexpr const char *dflt[] = {
-		"/mnt/rwdata/sysconf.gdbm",
-		"/var/run/rtconf.gdbm",
-		"/mnt/rwdata/sysinfo.gdbm",
-	};
-	auto i = static_cast<size_t>(store);
-	const char *p = getenv(env[i]);
-	return p != nullptr ? p : dflt[i];
+	static constexpr const char *file[] = {"/mnt/rwdata/sysconf.gdbm", "/var/run/rtconf.gdbm",
+					       "/mnt/rwdata/sysinfo.gdbm"};
+	const char *set = getenv(env[static_cast<size_t>(store)]);
+	return set != nullptr ? set : file[static_cast<size_t>(store)];
 }
 
-Db open_reader(const char *path)
-{
-	return Db(gdbm_open(path, 0, GDBM_READER | GDBM_NOMMAP, 0664, nullptr));
-}
-
-Db open_writer(const char *path)
-{
-	return Db(gdbm_open(path, 0, GDBM_WRCREAT | GDBM_NOMMAP, 0664, nullptr));
-}
+Db open_reader(const char *path) { return Db(gdbm_open(path, 0, GDBM_READER | GDBM_NOMMAP, 0664, nullptr)); }
+Db open_writer(const char *path) { return Db(gdbm_open(path, 0, GDBM_WRCREAT | GDBM_NOMMAP, 0664, nullptr)); }
 
 std::optional<std::string> get(const char *path, const char *key)
 {
 	Db db = open_reader(path);
-	if (!db)
-		return std::nullopt;
-	datum value = gdbm_fetch(db.get(), key_datum(key));
-	Record owner(value.dptr);
+	datum value = db ? gdbm_fetch(db.get(), key_datum(key)) : datum{nullptr, 0};
+	Owned<char, free> record(value.dptr);	// gdbm hands out malloc'ed records
 	if (value.dptr == nullptr || value.dsize <= 0 || value.dptr[0] == '\0')
 		return std::nullopt;
 	return std::string(value.dptr, strnlen(value.dptr, static_cast<size_t>(value.dsize)));
-}
-
-std::optional<std::string> get(Store s, const char *key)
-{
-	return get(path(s), key);
 }
 
 int set(const char *path, const char *key, std::string_view text)
@@ -76,10 +54,14 @@ int set(const char *path, const char *key, std::string_view text)
 	return store(path, key, data.c_str(), data.size() + 1);
 }
 
-int set(Store s, const char *key, std::string_view text)
+int set_bytes(const char *path, const char *key, const std::string *bytes)
 {
-	return set(path(s), key, text);
+	return bytes != nullptr ? store(path, key, bytes->data(), bytes->size()) : store(path, key, nullptr, 0);
 }
+
+std::optional<std::string> get(Store s, const char *key) { return get(path(s), key); }
+int set(Store s, const char *key, std::string_view text) { return set(path(s), key, text); }
+int set_bytes(Store s, const char *key, const std::string *bytes) { return set_bytes(path(s), key, bytes); }
 
 int setf(Store s, const char *key, const char *format, ...)
 {
@@ -90,25 +72,12 @@ int setf(Store s, const char *key, const char *format, ...)
 	return set(s, key, text);
 }
 
-int set_bytes(const char *path, const char *key, const std::string *bytes)
-{
-	return bytes != nullptr ? store(path, key, bytes->data(), bytes->size())
-				: store(path, key, nullptr, 0);
-}
-
-int set_bytes(Store s, const char *key, const std::string *bytes)
-{
-	return set_bytes(path(s), key, bytes);
-}
-
 tl::expected<json::Ptr, Error> json(Store s, const char *key)
 {
 	std::optional<std::string> value = get(s, key);
-	if (!value)
-		return tl::unexpected(Error::missing);
-	json::Ptr parsed = json::parse(value->c_str());
+	json::Ptr parsed = value ? json::parse(value->c_str()) : nullptr;
 	if (!parsed)
-		return tl::unexpected(Error::bad_json);
+		return tl::unexpected(value ? Error::bad_json : Error::missing);
 	return parsed;
 }
 
@@ -120,10 +89,9 @@ tl::expected<std::string, Error> text(Store s, const char *key)
 std::optional<std::string> file_text(Store s, const char *key, bool missing_empty)
 {
 	tl::expected<std::string, Error> value = text(s, key);
-	if (!value)
-		return missing_empty && value.error() == Error::missing ? std::optional<std::string>("")
-									: std::nullopt;
-	if (value->find('\n') != std::string::npos)
+	if (!value && missing_empty && value.error() == Error::missing)
+		return std::string();
+	if (!value || value->find('\n') != std::string::npos)
 		return std::nullopt;
 	return std::move(*value);
 }

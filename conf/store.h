@@ -1,12 +1,13 @@
-// The three gdbm stores: the persistent settings (sysconf), the run-time
-// state (rtconf) and the product information (sysinfo).  Every access opens
-// and closes its file, so the device's scripts may use the same files
-// between two requests, and a writer's lock makes the access fail.
+// The three gdbm stores: persistent settings (sysconf), run-time state
+// (rtconf), product information (sysinfo).  Every access opens and closes its
+// file, so scripts may use the files between requests; a writer's lock makes
+// the access fail.
 #ifndef HX_CONF_STORE_H
 #define HX_CONF_STORE_H
 
 #include <gdbm.h>
 #include <stdarg.h>
+#include <string.h>
 
 #include <memory>
 #include <optional>
@@ -30,21 +31,17 @@ struct CloseDb {
 };
 using Db = std::unique_ptr<std::remove_pointer_t<GDBM_FILE>, CloseDb>;
 
-// gdbm_open with the store layer's settings: default block size, no fatal
-// callback, no mmap (read(2) is cheaper for files this small), reader or
-// writer-create with mode 0664.  Empty when the file cannot be opened.
+// gdbm_open with default block size, no fatal callback, no mmap (read(2) is
+// cheaper for files this small), as reader or as writer-create with mode
+// 0664.  Empty when the file cannot be opened.
 Db open_reader(const char *path);
 Db open_writer(const char *path);
 
 // A key as stored: its text with the terminating NUL.
-inline datum key_datum(const char *key)
-{
-	return datum{const_cast<char *>(key), static_cast<int>(std::char_traits<char>::length(key)) + 1};
-}
+inline datum key_datum(const char *key) { return datum{const_cast<char *>(key), static_cast<int>(strlen(key)) + 1}; }
 
-// The value of key without its NUL: nullopt when the store cannot be
-// opened, the key is absent or its value is empty.  A value stored without
-// its NUL (by a script) is bounded by its stored size.
+// The value of key without its NUL (bounded by its stored size): nullopt
+// when the store cannot be opened, the key is absent or its value is empty.
 std::optional<std::string> get(const char *path, const char *key);
 std::optional<std::string> get(Store store, const char *key);
 
@@ -52,28 +49,23 @@ std::optional<std::string> get(Store store, const char *key);
 // line "_confSet: Item '<key>' not inserted. " when the store refuses.
 int set(const char *path, const char *key, std::string_view text);
 int set(Store store, const char *key, std::string_view text);
-// Stores exactly bytes; a null pointer is refused like a record the store
-// refuses (console line included).
+// Stores exactly bytes; a null pointer is refused as the store refuses a record.
 int set_bytes(const char *path, const char *key, const std::string *bytes);
 int set_bytes(Store store, const char *key, const std::string *bytes);
 int setf(Store store, const char *key, const char *format, ...) __attribute__((format(printf, 3, 4)));
 
-enum class Error {
-	missing,	// store cannot be opened, key absent or empty
-	bad_json,	// the text does not parse as json_tokener_parse sees it
-};
+// missing: store cannot be opened, key absent or empty; bad_json: the text
+// does not parse as json_tokener_parse sees it.
+enum class Error { missing, bad_json };
 
-// The value of key parsed as JSON.  The literal null does not parse, as
-// with json_tokener_parse.
+// The value of key parsed as JSON; the literal null does not parse.
 tl::expected<json::Ptr, Error> json(Store store, const char *key);
-
 // The string form (json_object_get_string) of key's JSON value.
 tl::expected<std::string, Error> text(Store store, const char *key);
 
-// The string form of a setting that is written into a generated
-// configuration file: nullopt when it is missing, does not parse, or holds
-// a newline, which would add a line of the client's to the file.  With
-// missing_empty a missing key reads as "".
+// The string form of a setting written into a generated configuration file:
+// nullopt when missing, unparsable, or holding a newline (a line of the
+// client's in the file).  With missing_empty a missing key reads as "".
 std::optional<std::string> file_text(Store store, const char *key, bool missing_empty = false);
 
 }  // namespace hx::conf

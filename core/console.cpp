@@ -1,18 +1,16 @@
-#include <stdarg.h>
-#include <stdio.h>
-
 #include "core/console.h"
 
-void
-gw_console(const char *format, ...)
-{
-	FILE *console = fopen("/dev/console", "w");
-	va_list args;
+#include <stdarg.h>
 
-	if (console == NULL)
+#include "core/owned.h"
+
+void gw_console(const char *format, ...)
+{
+	hx::FilePtr console = hx::open_file("/dev/console", "w");
+	if (!console)
 		return;
+	va_list args;
 	va_start(args, format);
-	vfprintf(console, format, args);
+	vfprintf(console.get(), format, args);
 	va_end(args);
-	fclose(console);
 }

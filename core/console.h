@@ -1,5 +1,5 @@
-/* Diagnostics of the daemon core and the store layer: one message per
- * open of "/dev/console" (mode "w"), dropped when it cannot be opened. */
+// Diagnostics of the daemon core and the store layer: one message per open
+// of "/dev/console" (mode "w"), dropped when it cannot be opened.
 #ifndef HX_CORE_CONSOLE_H
 #define HX_CORE_CONSOLE_H
 

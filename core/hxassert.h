@@ -1,5 +1,5 @@
-/* Assertions that name the source module as the spec gives it ("hxsrvd",
- * "ipcimpl") rather than the file, with the expression text as written. */
+// Assertions that name the daemon's module ("hxsrvd", "ipcimpl") rather
+// than the source file, with the expression text as written.
 #ifndef HX_CORE_HXASSERT_H
 #define HX_CORE_HXASSERT_H
 

@@ -1,5 +1,4 @@
-/* Part 1.3: the gw_* logging family; all entry points share gw_log(). */
-#include <atomic>
+#include "core/log.h"
 
 #include <errno.h>
 #include <stdarg.h>
@@ -7,129 +6,71 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "core/log.h"
-#include "core/util.h"
+#include <array>
+#include <atomic>
 
-#define LOG_BUFSIZE     1024
-#define LOG_ERRNO_LIMIT 1021
-
-/* The only state shared between threads; atomic so that a concurrent
- * gw_set_log_callback is not a data race. */
+// The only state the threads share; atomic, so that setting it while
+// another thread logs is not a data race.
 static std::atomic<gw_log_callback_t> log_callback;
 
-void
-gw_set_log_callback(gw_log_callback_t callback)
+namespace {
+
+// A message is cut to what this buffer holds; the errno text is appended
+// only while the message leaves it room.
+constexpr size_t message_size = 1024;
+constexpr size_t errno_room = 1021;
+
+const char *tag(int level)
 {
-	log_callback.store(callback);
+	constexpr std::array<const char *, 4> tags = {"debug", "msg", "warn", "err"};
+	return level >= 0 && level < static_cast<int>(tags.size()) ? tags[static_cast<size_t>(level)] : "???";
 }
 
-static const char *
-gw_log_tag(int level)
+// errno is read here, unchanged since the public function's entry, and is
+// left as it was.
+__attribute__((format(printf, 3, 0))) void gw_log(int level, bool with_errno, const char *format, va_list args)
 {
-	switch (level) {
-	case GW_LOG_DEBUG:
-		return "debug";
-	case GW_LOG_MSG:
-		return "msg";
-	case GW_LOG_WARN:
-		return "warn";
-	case GW_LOG_ERR:
-		return "err";
-	default:
-		return "???";
+	int saved_errno = errno;
+	std::array<char, message_size> message{};
+	if (format != nullptr)
+		vsnprintf(message.data(), message.size(), format, args);
+	size_t len = strlen(message.data());
+	if (with_errno && len < errno_room) {
+		std::array<char, 128> text;
+		snprintf(message.data() + len, message.size() - len, ": %s",
+			 strerror_r(saved_errno, text.data(), text.size()));
 	}
-}
-
-/* saved_errno is errno on entry to the public function, or -1 for the
- * functions that do not append the errno text. */
-static void __attribute__((format(printf, 3, 0)))
-gw_log(int level, int saved_errno, const char *format, va_list args)
-{
-	/* Zero-filled: a vsnprintf that fails half-way still leaves a string. */
-	char buf[LOG_BUFSIZE] = "", errbuf[128];
-	gw_log_callback_t callback;
-	size_t len;
-
-	if (format != NULL)
-		gwutil_vsnprintf(buf, sizeof(buf), format, args);
-	len = strlen(buf);
-	if (saved_errno >= 0 && len < LOG_ERRNO_LIMIT)
-		gwutil_snprintf(buf + len, sizeof(buf) - len, ": %s",
-		    strerror_r(saved_errno, errbuf, sizeof(errbuf)));
-	callback = log_callback.load();
-	if (callback != NULL)
-		callback(level, buf);
+	if (gw_log_callback_t callback = log_callback.load())
+		callback(level, message.data());
 	else
-		fprintf(stderr, "[%s] %s\n", gw_log_tag(level), buf);
+		fprintf(stderr, "[%s] %s\n", tag(level), message.data());
+	errno = saved_errno;
 }
 
-void
-gw_err(int status, const char *format, ...)
-{
-	int saved_errno = errno;
-	va_list args;
+}  // namespace
 
-	va_start(args, format);
-	gw_log(GW_LOG_ERR, saved_errno, format, args);
-	va_end(args);
+void gw_set_log_callback(gw_log_callback_t callback) { log_callback.store(callback); }
+
+// The body of every entry point: the arguments after format, logged at level.
+#define GW_LOG_ARGS(level, with_errno) \
+	va_list args; \
+	va_start(args, format); \
+	gw_log(level, with_errno, format, args); \
+	va_end(args)
+
+void gw_err(int status, const char *format, ...)
+{
+	GW_LOG_ARGS(GW_LOG_ERR, true);
 	exit(status);
 }
 
-void
-gw_errx(int status, const char *format, ...)
+void gw_errx(int status, const char *format, ...)
 {
-	va_list args;
-
-	va_start(args, format);
-	gw_log(GW_LOG_ERR, -1, format, args);
-	va_end(args);
+	GW_LOG_ARGS(GW_LOG_ERR, false);
 	exit(status);
 }
 
-void
-gw_warn(const char *format, ...)
-{
-	int saved_errno = errno;
-	va_list args;
-
-	va_start(args, format);
-	gw_log(GW_LOG_WARN, saved_errno, format, args);
-	va_end(args);
-	errno = saved_errno;
-}
-
-void
-gw_warnx(const char *format, ...)
-{
-	int saved_errno = errno;
-	va_list args;
-
-	va_start(args, format);
-	gw_log(GW_LOG_WARN, -1, format, args);
-	va_end(args);
-	errno = saved_errno;
-}
-
-void
-gw_msgx(const char *format, ...)
-{
-	int saved_errno = errno;
-	va_list args;
-
-	va_start(args, format);
-	gw_log(GW_LOG_MSG, -1, format, args);
-	va_end(args);
-	errno = saved_errno;
-}
-
-void
-_gw_debugx(const char *format, ...)
-{
-	int saved_errno = errno;
-	va_list args;
-
-	va_start(args, format);
-	gw_log(GW_LOG_DEBUG, -1, format, args);
-	va_end(args);
-	errno = saved_errno;
-}
+void gw_warn(const char *format, ...) { GW_LOG_ARGS(GW_LOG_WARN, true); }
+void gw_warnx(const char *format, ...) { GW_LOG_ARGS(GW_LOG_WARN, false); }
+void gw_msgx(const char *format, ...) { GW_LOG_ARGS(GW_LOG_MSG, false); }
+void _gw_debugx(const char *format, ...) { GW_LOG_ARGS(GW_LOG_DEBUG, false); }

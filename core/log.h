@@ -1,4 +1,5 @@
-/* Part 1.3: the gw_* logging family. */
+// The gw_* logging family: "[tag] message" on standard error, or every
+// message to one callback.
 #ifndef HX_CORE_LOG_H
 #define HX_CORE_LOG_H
 
@@ -9,13 +10,13 @@
 
 typedef void (*gw_log_callback_t)(int level, const char *message);
 
-/* Routes all log output to callback(level, message); NULL restores stderr. */
+// Routes all log output to callback(level, message); NULL restores stderr.
 void gw_set_log_callback(gw_log_callback_t callback);
 
-void gw_err(int status, const char *format, ...)
-	__attribute__((format(printf, 2, 3), noreturn));
-void gw_errx(int status, const char *format, ...)
-	__attribute__((format(printf, 2, 3), noreturn));
+// gw_err and gw_warn append ": " and the text of errno as it was on entry.
+// gw_err and gw_errx end the process with exit(status).
+void gw_err(int status, const char *format, ...) __attribute__((format(printf, 2, 3), noreturn));
+void gw_errx(int status, const char *format, ...) __attribute__((format(printf, 2, 3), noreturn));
 void gw_warn(const char *format, ...) __attribute__((format(printf, 1, 2)));
 void gw_warnx(const char *format, ...) __attribute__((format(printf, 1, 2)));
 void gw_msgx(const char *format, ...) __attribute__((format(printf, 1, 2)));

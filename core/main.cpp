@@ -1,7 +1,6 @@
 #include "core/startup.h"
 
-int
-main(int argc, char *argv[])
+int main(int argc, char *argv[])
 {
 	return hxsrvd_main(argc, argv);
 }

@@ -1,10 +1,10 @@
-/* Part 1.1: start-up, daemon mode and shutdown. */
+#include "core/startup.h"
+
 #include <errno.h>
 #include <execinfo.h>
 #include <fcntl.h>
 #include <getopt.h>
 #include <signal.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -12,40 +12,60 @@
 
 #include <event.h>
 
+#include <array>
+#include <utility>
+
 #include "core/console.h"
+#include "core/fmt.h"
+#include "core/owned.h"
 #include "core/server.h"
-#include "core/startup.h"
 #include "core/util.h"
 #include "ipc/ipc.h"
 
-#define LOCK_PATH   "/var/tmp/socket.lock"
-#define SOCKET_PATH "/var/tmp/socket"
-#define PID_PATH    "/var/run/hxsrvd.pid"
+namespace {
 
-static unsigned int quitting;
-static int lock_fd = -1;
-static char lock_path[4096];
-static int sock_fd = -1;
-static char sock_path[4096];
-/* Nothing fills this, so the pid file stays behind on exit (Part 1.1). */
-static char pid_path[4096];
-static struct event sig_events[3];
+using EventPtr = hx::Owned<event, event_free>;
 
-static void usage(const char *format, ...)
-	__attribute__((format(printf, 1, 2), noreturn));
+constexpr const char *lock_path = "/var/tmp/socket.lock";
+constexpr const char *socket_path = "/var/tmp/socket";
+// Written at start, never removed: the pid file stays behind on exit.
+constexpr const char *pid_path = "/var/run/hxsrvd.pid";
+constexpr int backtrace_frames = 30;
 
-static void
-usage(const char *format, ...)
+bool quitting;
+hx::UniqueFd lock_fd, sock_fd;
+std::array<EventPtr, 3> sig_events;
+
+int daemon_error(const char *step)
 {
-	if (format != NULL) {
-		va_list args;
+	fprintf(stderr, "Error daemonizing (%s)! %d - %s\n", step, errno, strerror(errno));
+	return -1;
+}
 
-		printf("%s: ", getprogname());
-		va_start(args, format);
-		vprintf(format, args);
-		va_end(args);
-		printf("\n");
-	}
+// 0 in the child; the parent exits.
+int fork_away(const char *step)
+{
+	pid_t pid = fork();
+	if (pid == -1)
+		return daemon_error(step);
+	if (pid != 0)
+		_exit(0);
+	return 0;
+}
+
+void redirect_null(int target, int flags)
+{
+	hx::UniqueFd fd(open("/dev/null", flags));
+	if (fd && fd.get() != target)
+		dup2(fd.get(), target);
+	else
+		(void)fd.release();	// already the target, or nothing opened
+}
+
+}  // namespace
+
+[[noreturn]] static void usage()
+{
 	printf("usage: %s [-dfh]\n\n"
 	       "  -d --debug                Print data send and received, implies -f\n"
 	       "  -f --foreground           Run in the foreground and log to stderr\n"
@@ -54,69 +74,35 @@ usage(const char *format, ...)
 	exit(0);
 }
 
-static void
-readargs(int argc, char *argv[], unsigned int *foreground, unsigned int *debug)
+// -p takes an argument but, like -h and any unknown option, only prints the usage.
+static void readargs(int argc, char *argv[], unsigned int *foreground, unsigned int *debug)
 {
-	static const struct option longopts[] = {
-		{ "debug", no_argument, NULL, 'd' },
-		{ "foreground", no_argument, NULL, 'f' },
-		{ "help", no_argument, NULL, 'h' },
-		{ NULL, 0, NULL, 0 },
+	static constexpr option longopts[] = {
+		{"debug", no_argument, nullptr, 'd'},
+		{"foreground", no_argument, nullptr, 'f'},
+		{"help", no_argument, nullptr, 'h'},
+		{nullptr, 0, nullptr, 0},
 	};
-	int c;
-
-	*foreground = 0;
-	*debug = 0;
-	while ((c = getopt_long(argc, argv, "dfhp:", longopts, NULL)) != -1) {
-		switch (c) {
-		case 'd':
-			*debug = 1;
+	*foreground = *debug = 0;
+	for (int c; (c = getopt_long(argc, argv, "dfhp:", longopts, nullptr)) != -1;) {
+		if (c == 'd')
+			*debug = *foreground = 1;
+		else if (c == 'f')
 			*foreground = 1;
-			break;
-		case 'f':
-			*foreground = 1;
-			break;
-		default:	/* -h, -p and anything unknown */
-			usage(NULL);
-		}
+		else
+			usage();
 	}
 }
 
-static int
-daemon_error(const char *step)
+// Replaces the C library's daemon().
+int daemon(int nochdir, int noclose)
 {
-	fprintf(stderr, "Error daemonizing (%s)! %d - %s\n", step, errno, strerror(errno));
-	return -1;
-}
-
-static void
-redirect_null(int target, int flags)
-{
-	int fd = open("/dev/null", flags);
-
-	if (fd >= 0 && fd != target) {
-		dup2(fd, target);
-		close(fd);
-	}
-}
-
-/* Replaces the C library's daemon(). */
-int
-daemon(int nochdir, int noclose)
-{
-	pid_t pid = fork();
-
-	if (pid == -1)
-		return daemon_error("fork");
-	if (pid != 0)
-		_exit(0);
+	if (fork_away("fork") != 0)
+		return -1;
 	if (setsid() == -1)
 		return daemon_error("setsid");
-	pid = fork();
-	if (pid == -1)
-		return daemon_error("fork2");
-	if (pid != 0)
-		_exit(0);
+	if (fork_away("fork2") != 0)
+		return -1;
 	if (nochdir == 0 && chdir("/") == -1)
 		return daemon_error("chdir");
 	if (noclose == 0) {
@@ -127,133 +113,96 @@ daemon(int nochdir, int noclose)
 	return 0;
 }
 
-/* The lock file holds the pid; writing it is best effort. */
-static void
-lock_write_pid(int fd)
+// The lock lasts as long as the descriptor, which stays open; the file
+// holds the pid (best effort).
+static int getlock(const char *path)
 {
-	char pid[64];
-	int len = snprintf(pid, sizeof(pid), "%i\n", (int)getpid());
-
-	if (ftruncate(fd, 0) == 0 && write(fd, pid, (size_t)len) != len)
-		return;
-}
-
-static int
-getlock(const char *path)
-{
-	struct flock lock = {};
-	lock.l_type = F_WRLCK;
-	lock.l_whence = SEEK_SET;
-	int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-
-	if (fd < 0) {
+	hx::UniqueFd fd(open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0666));
+	if (!fd) {
 		gw_console("failed to open file: %s\n", path);
 		return -1;
 	}
-	if (fcntl(fd, F_SETLK, &lock) == 0) {
-		lock_write_pid(fd);
-		return fd;
+	struct flock lock = {};
+	lock.l_type = F_WRLCK;
+	lock.l_whence = SEEK_SET;
+	if (fcntl(fd.get(), F_SETLK, &lock) == 0) {
+		std::string pid = hx::format("%i\n", static_cast<int>(getpid()));
+		[[maybe_unused]] bool written = ftruncate(fd.get(), 0) == 0 &&
+						write(fd.get(), pid.data(), pid.size()) == static_cast<ssize_t>(pid.size());
+		return fd.release();
 	}
 	if (errno == EAGAIN)
 		gw_console("another copy of %s is already running\n", "daemon");
 	else
 		gw_console("failed to obtain lock on file: %s\n", path);
-	close(fd);
 	return -1;
 }
 
-static int
-trylocksock(void)
+static int trylocksock()
 {
-	lock_fd = getlock(LOCK_PATH);
-	if (lock_fd < 0)
-		return -1;
-	strlcpy(lock_path, LOCK_PATH, sizeof(lock_path));
-	sock_fd = getsock(SOCKET_PATH);
-	if (sock_fd < 0)
-		return -1;
-	strlcpy(sock_path, SOCKET_PATH, sizeof(sock_path));
-	return sock_fd;
+	lock_fd.reset(getlock(lock_path));
+	if (lock_fd)
+		sock_fd.reset(getsock(socket_path));
+	return lock_fd && sock_fd ? sock_fd.get() : -1;
 }
 
-static int
-savepid(void)
+static int savepid()
 {
-	FILE *f = fopen(PID_PATH, "wb");
-
-	if (f == NULL) {
-		gw_console("failed to open pid file: %s\n", PID_PATH);
+	hx::FilePtr file = hx::open_file(pid_path, "wb");
+	if (!file) {
+		gw_console("failed to open pid file: %s\n", pid_path);
 		return -1;
 	}
-	if (fprintf(f, "%d\n", (int)getpid()) < 0 || fflush(f) != 0) {
-		gw_console("failed to write pid to file: %s\n", PID_PATH);
-		fclose(f);
-		unlink(PID_PATH);
+	fprintf(file.get(), "%d\n", static_cast<int>(getpid()));
+	if (!hx::close_file(std::move(file))) {
+		gw_console("failed to write pid to file: %s\n", pid_path);
+		unlink(pid_path);
 		return -1;
 	}
-	fclose(f);
 	return 0;
 }
 
-static void
-quit_exit(evutil_socket_t fd, short events, void *arg)
+// exit(0) runs one loop pass after the first signal, so that a terminating
+// signal already delivered by then takes the "while exiting" path.
+static void gotsig(evutil_socket_t sig, short, void *)
 {
-	(void)fd;
-	(void)events;
-	(void)arg;
-	exit(0);
-}
-
-/* exit(0) runs one loop pass after the first signal, so that a terminating
- * signal already delivered by then takes the "while exiting" path. */
-static void
-gotsig(evutil_socket_t sig, short events, void *arg)
-{
-	static const struct timeval now = { 0, 0 };
-
-	(void)events;
-	(void)arg;
+	static constexpr timeval now = {0, 0};
 	if (!quitting) {
-		quitting = 1;
-		gw_console("received fatal signal %i, attempting to exit cleanly\n", (int)sig);
+		quitting = true;
+		gw_console("received fatal signal %i, attempting to exit cleanly\n", static_cast<int>(sig));
 		server_quit();
-		if (event_base_once(get_event_base(), -1, EV_TIMEOUT, quit_exit, NULL, &now) != 0)
+		if (event_base_once(get_event_base(), -1, EV_TIMEOUT, [](evutil_socket_t, short, void *) { exit(0); },
+				    nullptr, &now) != 0)
 			exit(0);
 		return;
 	}
-	gw_console("received fatal signal %i while exiting, exiting immediately\n", (int)sig);
-	signal((int)sig, SIG_DFL);
-	raise((int)sig);
+	gw_console("received fatal signal %i while exiting, exiting immediately\n", static_cast<int>(sig));
+	signal(static_cast<int>(sig), SIG_DFL);
+	raise(static_cast<int>(sig));
 }
 
-static void
-crash_handler(int sig)
+// exit() runs the atexit clean-up, so the socket and lock files go.
+static void crash_handler(int)
 {
-	void *frames[30];
-	char **symbols;
-	int count, i;
-
-	(void)sig;
 	puts("#hxsrvd# receive SIGSEGV signal");
-	count = backtrace(frames, 30);
-	symbols = backtrace_symbols(frames, count);
-	printf("#hxsrvd# obtained %d stack frames\n", count);
-	for (i = 0; symbols != NULL && i < count; i++)
-		puts(symbols[i]);
-	free(symbols);
+	{
+		std::array<void *, backtrace_frames> frames;
+		int count = backtrace(frames.data(), backtrace_frames);
+		hx::Owned<char *, free> symbols(backtrace_symbols(frames.data(), count));
+		printf("#hxsrvd# obtained %d stack frames\n", count);
+		for (int i = 0; symbols && i < count; i++)
+			puts(symbols.get()[i]);
+	}
 	exit(-1);
 }
 
-static void
-setupsigs(struct event_base *base)
+static void setupsigs(event_base *base)
 {
-	static const int sigs[] = { SIGINT, SIGQUIT, SIGTERM };
-	size_t i;
-
-	for (i = 0; i < 3; i++) {
-		event_set(&sig_events[i], sigs[i], EV_SIGNAL | EV_PERSIST, gotsig, NULL);
-		event_base_set(base, &sig_events[i]);
-		event_add(&sig_events[i], NULL);
+	constexpr std::array<int, 3> sigs = {SIGINT, SIGQUIT, SIGTERM};
+	for (size_t i = 0; i < sigs.size(); i++) {
+		sig_events[i].reset(evsignal_new(base, sigs[i], gotsig, nullptr));
+		if (sig_events[i])
+			event_add(sig_events[i].get(), nullptr);
 	}
 	signal(SIGPIPE, SIG_IGN);
 	signal(SIGHUP, SIG_IGN);
@@ -261,44 +210,32 @@ setupsigs(struct event_base *base)
 	signal(SIGSEGV, crash_handler);
 }
 
-static void
-exitcleanup(void)
+static void exitcleanup()
 {
-	if (sock_fd >= 0) {
-		unlink(sock_path);
-		close(sock_fd);
-	}
-	if (pid_path[0] != '\0')
-		unlink(pid_path);
-	if (lock_fd >= 0) {
-		unlink(lock_path);
-		close(lock_fd);
+	for (auto [fd, path] : {std::pair{&sock_fd, socket_path}, std::pair{&lock_fd, lock_path}}) {
+		if (*fd)
+			unlink(path);
+		fd->reset();
 	}
 }
 
-int
-hxsrvd_main(int argc, char *argv[])
+int hxsrvd_main(int argc, char *argv[])
 {
 	unsigned int foreground, debug;
-	struct event_base *base;
-	int fd;
-
 	setprogname(argv[0]);
 	readargs(argc, argv, &foreground, &debug);
 	if (!foreground && daemon(1, 0) != 0) {
 		gw_console("failed to daemonize\n");
 		exit(1);
 	}
-	/* Handlers print to standard output; unbuffered so that a foreground
-	 * run shows each line when it is printed. */
-	setvbuf(stdout, NULL, _IONBF, 0);
+	// Handlers print to standard output: unbuffered, so that a foreground
+	// run shows each line when it is printed.
+	setvbuf(stdout, nullptr, _IONBF, 0);
 	atexit(exitcleanup);
-	fd = trylocksock();
-	if (fd < 0)
+	int fd = trylocksock();
+	if (fd < 0 || savepid() < 0)
 		exit(1);
-	if (savepid() < 0)
-		exit(1);
-	base = event_init();
+	event_base *base = event_init();
 	setupsigs(base);
 	ipc_init();
 	server_init(base);

@@ -1,8 +1,9 @@
-/* Part 1.1: start-up, daemon mode and shutdown. */
+// The daemon's process life: options, detaching, the single-instance lock,
+// the pid file, signals, the event loop.
 #ifndef HX_CORE_STARTUP_H
 #define HX_CORE_STARTUP_H
 
-/* The start-up sequence of Part 1.1; returns 1 if the event loop returns. */
+// Returns 1 if the event loop ever returns.
 int hxsrvd_main(int argc, char *argv[]);
 
 #endif

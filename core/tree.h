@@ -1,4 +1,5 @@
-/* libbsd's classic BSD red-black tree (header only). */
+/* Transitional: libbsd's red-black tree, until the handler indexes are
+ * standard containers too. */
 #ifndef HX_CORE_TREE_H
 #define HX_CORE_TREE_H
 
