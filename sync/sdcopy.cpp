@@ -271,8 +271,8 @@ std::string _get_sd_folder_name()
 	std::optional<std::string> uuid = card_uuid(card->name);
 	if (!uuid)
 		return sd_card;
-	std::string name = hx::format("%s %dGB %s", sd_card, static_cast<int>(cap_calc(card->total * 1024)),
-				      uuid->c_str());
+	int size = static_cast<int>(cap_calc(card->total * 1024));
+	std::string name = hx::format("%s %dGB %s", sd_card, size, uuid->c_str());
 	name.resize(std::min(name.size(), folder_max));
 	printf("sd name = %s\n", name.c_str());
 	return name;
@@ -290,7 +290,8 @@ const char *_revalidate_sdCopy(json_object *value, json_object *, void *)
 	if (!hx::json::is(member, json_type_string))
 		return "internal error";
 	std::string_view action = hx::json::text(member);
-	std::optional<std::string> state = conf_text(Store::rtconf, "sd_state", "rtConfGet error for sd_state");
+	std::optional<std::string> state =
+		conf_text(Store::rtconf, "sd_state", "rtConfGet error for sd_state");
 	if (!state)
 		return error_text(Error::internal);
 	if (*state == "off") {

@@ -96,17 +96,18 @@ std::string path_of(const char *rel)
 
 }  // namespace
 
-// The gauge's files are read as one line into a fixed buffer of size
+// The gauge's files are read as one line into a fixed buffer of Size
 // bytes, without its newline.
-static std::optional<std::string> read_line_file(const char *path, int size)
+template <int Size>
+static std::optional<std::string> read_line_file(const char *path)
 {
 	hx::FilePtr file = hx::open_file(path, "r");
 	if (!file) {
 		printf("hxsrvd: Sync DEBUG: %s (line %d) fopen %s error\n", __func__, __LINE__, path);
 		return std::nullopt;
 	}
-	std::array<char, 16> line{};
-	if (fgets(line.data(), size, file.get()) == nullptr)
+	std::array<char, Size> line{};
+	if (fgets(line.data(), Size, file.get()) == nullptr)
 		line[0] = '\0';
 	line[strcspn(line.data(), "\n")] = '\0';
 	return std::string(line.data());
@@ -114,13 +115,13 @@ static std::optional<std::string> read_line_file(const char *path, int size)
 
 int get_battery_cap()
 {
-	std::optional<std::string> line = read_line_file(battery_capacity, 8);
+	std::optional<std::string> line = read_line_file<8>(battery_capacity);
 	return line ? gw_atoi(line->c_str()) : -1;
 }
 
 std::optional<std::string> get_battery_status()
 {
-	return read_line_file(battery_status, 16);
+	return read_line_file<16>(battery_status);
 }
 
 namespace hx::sync {
@@ -218,10 +219,11 @@ static void sync_result_apply()
 	} else if (result == 0) {
 		g_synctask.status.store(Status::done);
 	} else if (result == -1) {
-		// only from created or running: a cancelled task stays cancelled
+		// only from created or running: a cancel meanwhile makes the
+		// exchange fail, and a cancelled task stays cancelled
 		Status now = g_synctask.status.load();
-		while (now < Status::done && !g_synctask.status.compare_exchange_weak(now, Status::done)) {
-		}
+		if (now < Status::done)
+			g_synctask.status.compare_exchange_strong(now, Status::done);
 	}
 }
 
@@ -261,7 +263,8 @@ static bool start_worker(std::unique_ptr<std::string> command)
 {
 	ThreadAttr attr;
 	pthread_t thread;
-	if (attr.get() == nullptr || pthread_attr_setdetachstate(attr.get(), PTHREAD_CREATE_DETACHED) != 0 ||
+	if (attr.get() == nullptr ||
+	    pthread_attr_setdetachstate(attr.get(), PTHREAD_CREATE_DETACHED) != 0 ||
 	    pthread_attr_setstacksize(attr.get(), worker_stack) != 0 ||
 	    pthread_create(&thread, attr.get(), thread_dosync, command.get()) != 0)
 		return false;

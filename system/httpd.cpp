@@ -49,12 +49,12 @@ std::optional<std::string> hash(const std::string &passwd)
 // stored name or password that is JSON but no string counts as its text.
 std::optional<std::string> passport()
 {
-	tl::expected<std::string, conf::Error> name = conf::text(conf::Store::sysconf, "httpd_auth_name");
+	auto name = conf::text(conf::Store::sysconf, "httpd_auth_name");
 	if (!name)
 		return name.error() == conf::Error::bad_json ? std::nullopt : std::optional<std::string>("");
 	if (name->empty())
 		return "";
-	tl::expected<std::string, conf::Error> passwd = conf::text(conf::Store::sysconf, "httpd_auth_passwd");
+	auto passwd = conf::text(conf::Store::sysconf, "httpd_auth_passwd");
 	if (!passwd)
 		return passwd.error() == conf::Error::bad_json ? std::nullopt : std::optional<std::string>("");
 	// a newline would add a line to the file, a ':' split the entry; the

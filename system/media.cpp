@@ -64,7 +64,7 @@ bool fm_freq_valid(const std::string &text)
 // A stored number keeps its text (87.5), a string gives its characters.
 const char *fm_set_freq(json_object *)
 {
-	tl::expected<std::string, hx::conf::Error> freq = hx::conf::text(hx::conf::Store::sysconf, "fm_freq");
+	auto freq = hx::conf::text(hx::conf::Store::sysconf, "fm_freq");
 	if (!freq) {
 		puts(freq.error() == hx::conf::Error::bad_json ? "fm_freq is not valid JSON."
 							      : "fm_freq is not set.");
