@@ -44,6 +44,15 @@ std::optional<std::string> hash(const std::string &passwd)
 	return hashed;
 }
 
+// A login key that is missing means no login (""); one that does not
+// parse refuses the login.
+std::optional<std::string> without_login(conf::Error error)
+{
+	if (error == conf::Error::bad_json)
+		return std::nullopt;
+	return "";
+}
+
 // The file's login line ("" without a login), or nullopt when the stored
 // login is refused and neither the file nor the server may be touched.  A
 // stored name or password that is JSON but no string counts as its text.
@@ -51,12 +60,12 @@ std::optional<std::string> passport()
 {
 	auto name = conf::text(conf::Store::sysconf, "httpd_auth_name");
 	if (!name)
-		return name.error() == conf::Error::bad_json ? std::nullopt : std::optional<std::string>("");
+		return without_login(name.error());
 	if (name->empty())
 		return "";
 	auto passwd = conf::text(conf::Store::sysconf, "httpd_auth_passwd");
 	if (!passwd)
-		return passwd.error() == conf::Error::bad_json ? std::nullopt : std::optional<std::string>("");
+		return without_login(passwd.error());
 	// a newline would add a line to the file, a ':' split the entry; the
 	// password is only written hashed
 	if (name->find_first_of("\n:") != std::string::npos) {
