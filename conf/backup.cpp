@@ -1,323 +1,191 @@
-/* Part 3.2: the configuration backup file (32-byte header, CRC-32C, DES-ECB
- * payload) and the restore of an uploaded backup through "sysconf rep". */
+// The backup file and its restore.  The payload is the store file byte for
+// byte: its whole 8-byte blocks enciphered one by one (ECB), the rest in
+// plain, the checksum taken over the enciphered payload.
+#include "conf/backup.h"
+
 #include <fcntl.h>
-#include <stdint.h>
 #include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
+#include <memory>
+#include <new>
+#include <optional>
+
 #include <mbedtls/des.h>
 
-#include "conf/backup.h"
+#include "core/fmt.h"
 #include "core/hxassert.h"
+#include "core/owned.h"
 #include "core/util.h"
+#include "ipc/target.h"
 
-#define UPFILE        "/var/tmp/upfile"
-#define UPFILE_LOCK   "/var/tmp/upfile.lock"
-#define NEW_SYSCONF   "/var/tmp/new_sysconf.gdbm"
-#define DB_CHECK_DONE "/mnt/rwdata/.db_check_done"
-#define REP_COMMAND   "sysconf rep %s\n"
+namespace {
 
-/* The built-in key of the backup file, the same for export and import. */
-static const unsigned char backup_key[MBEDTLS_DES_KEY_SIZE] = {
+using hx::conf::backup_header_size;
+using Bytes = std::span<unsigned char>;
+
+constexpr const char *upfile = "/var/tmp/upfile";
+constexpr const char *upfile_lock = "/var/tmp/upfile.lock";
+constexpr const char *db_check_done = "/mnt/rwdata/.db_check_done";
+constexpr const char *new_sysconf = "/var/tmp/new_sysconf.gdbm";
+
+// The key built into the device, the same for export and import.
+constexpr unsigned char backup_key[MBEDTLS_DES_KEY_SIZE] = {
 	0x5A, 0x13, 0xC7, 0x08, 0xE4, 0x91, 0x3D, 0x6B,
 };
 
-/* table[i]: i driven through 8 steps of the reflected polynomial 0x82F63B78. */
-static const uint32_t crc32c_table[256] = {
-	0x00000000, 0xF26B8303, 0xE13B70F7, 0x1350F3F4,
-	0xC79A971F, 0x35F1141C, 0x26A1E7E8, 0xD4CA64EB,
-	0x8AD958CF, 0x78B2DBCC, 0x6BE22838, 0x9989AB3B,
-	0x4D43CFD0, 0xBF284CD3, 0xAC78BF27, 0x5E133C24,
-	0x105EC76F, 0xE235446C, 0xF165B798, 0x030E349B,
-	0xD7C45070, 0x25AFD373, 0x36FF2087, 0xC494A384,
-	0x9A879FA0, 0x68EC1CA3, 0x7BBCEF57, 0x89D76C54,
-	0x5D1D08BF, 0xAF768BBC, 0xBC267848, 0x4E4DFB4B,
-	0x20BD8EDE, 0xD2D60DDD, 0xC186FE29, 0x33ED7D2A,
-	0xE72719C1, 0x154C9AC2, 0x061C6936, 0xF477EA35,
-	0xAA64D611, 0x580F5512, 0x4B5FA6E6, 0xB93425E5,
-	0x6DFE410E, 0x9F95C20D, 0x8CC531F9, 0x7EAEB2FA,
-	0x30E349B1, 0xC288CAB2, 0xD1D83946, 0x23B3BA45,
-	0xF779DEAE, 0x05125DAD, 0x1642AE59, 0xE4292D5A,
-	0xBA3A117E, 0x4851927D, 0x5B016189, 0xA96AE28A,
-	0x7DA08661, 0x8FCB0562, 0x9C9BF696, 0x6EF07595,
-	0x417B1DBC, 0xB3109EBF, 0xA0406D4B, 0x522BEE48,
-	0x86E18AA3, 0x748A09A0, 0x67DAFA54, 0x95B17957,
-	0xCBA24573, 0x39C9C670, 0x2A993584, 0xD8F2B687,
-	0x0C38D26C, 0xFE53516F, 0xED03A29B, 0x1F682198,
-	0x5125DAD3, 0xA34E59D0, 0xB01EAA24, 0x42752927,
-	0x96BF4DCC, 0x64D4CECF, 0x77843D3B, 0x85EFBE38,
-	0xDBFC821C, 0x2997011F, 0x3AC7F2EB, 0xC8AC71E8,
-	0x1C661503, 0xEE0D9600, 0xFD5D65F4, 0x0F36E6F7,
-	0x61C69362, 0x93AD1061, 0x80FDE395, 0x72966096,
-	0xA65C047D, 0x5437877E, 0x4767748A, 0xB50CF789,
-	0xEB1FCBAD, 0x197448AE, 0x0A24BB5A, 0xF84F3859,
-	0x2C855CB2, 0xDEEEDFB1, 0xCDBE2C45, 0x3FD5AF46,
-	0x7198540D, 0x83F3D70E, 0x90A324FA, 0x62C8A7F9,
-	0xB602C312, 0x44694011, 0x5739B3E5, 0xA55230E6,
-	0xFB410CC2, 0x092A8FC1, 0x1A7A7C35, 0xE811FF36,
-	0x3CDB9BDD, 0xCEB018DE, 0xDDE0EB2A, 0x2F8B6829,
-	0x82F63B78, 0x709DB87B, 0x63CD4B8F, 0x91A6C88C,
-	0x456CAC67, 0xB7072F64, 0xA457DC90, 0x563C5F93,
-	0x082F63B7, 0xFA44E0B4, 0xE9141340, 0x1B7F9043,
-	0xCFB5F4A8, 0x3DDE77AB, 0x2E8E845F, 0xDCE5075C,
-	0x92A8FC17, 0x60C37F14, 0x73938CE0, 0x81F80FE3,
-	0x55326B08, 0xA759E80B, 0xB4091BFF, 0x466298FC,
-	0x1871A4D8, 0xEA1A27DB, 0xF94AD42F, 0x0B21572C,
-	0xDFEB33C7, 0x2D80B0C4, 0x3ED04330, 0xCCBBC033,
-	0xA24BB5A6, 0x502036A5, 0x4370C551, 0xB11B4652,
-	0x65D122B9, 0x97BAA1BA, 0x84EA524E, 0x7681D14D,
-	0x2892ED69, 0xDAF96E6A, 0xC9A99D9E, 0x3BC21E9D,
-	0xEF087A76, 0x1D63F975, 0x0E330A81, 0xFC588982,
-	0xB21572C9, 0x407EF1CA, 0x532E023E, 0xA145813D,
-	0x758FE5D6, 0x87E466D5, 0x94B49521, 0x66DF1622,
-	0x38CC2A06, 0xCAA7A905, 0xD9F75AF1, 0x2B9CD9F2,
-	0xFF56BD19, 0x0D3D3E1A, 0x1E6DCDEE, 0xEC064EED,
-	0xC38D26C4, 0x31E6A5C7, 0x22B65633, 0xD0DDD530,
-	0x0417B1DB, 0xF67C32D8, 0xE52CC12C, 0x1747422F,
-	0x49547E0B, 0xBB3FFD08, 0xA86F0EFC, 0x5A048DFF,
-	0x8ECEE914, 0x7CA56A17, 0x6FF599E3, 0x9D9E1AE0,
-	0xD3D3E1AB, 0x21B862A8, 0x32E8915C, 0xC083125F,
-	0x144976B4, 0xE622F5B7, 0xF5720643, 0x07198540,
-	0x590AB964, 0xAB613A67, 0xB831C993, 0x4A5A4A90,
-	0x9E902E7B, 0x6CFBAD78, 0x7FAB5E8C, 0x8DC0DD8F,
-	0xE330A81A, 0x115B2B19, 0x020BD8ED, 0xF0605BEE,
-	0x24AA3F05, 0xD6C1BC06, 0xC5914FF2, 0x37FACCF1,
-	0x69E9F0D5, 0x9B8273D6, 0x88D28022, 0x7AB90321,
-	0xAE7367CA, 0x5C18E4C9, 0x4F48173D, 0xBD23943E,
-	0xF36E6F75, 0x0105EC76, 0x12551F82, 0xE03E9C81,
-	0x34F4F86A, 0xC69F7B69, 0xD5CF889D, 0x27A40B9E,
-	0x79B737BA, 0x8BDCB4B9, 0x988C474D, 0x6AE7C44E,
-	0xBE2DA0A5, 0x4C4623A6, 0x5F16D052, 0xAD7D5351,
+constexpr std::array<uint32_t, 256> crc32c_table = [] {
+	std::array<uint32_t, 256> table{};
+	for (uint32_t i = 0; i < 256; i++) {
+		uint32_t crc = i;
+		for (int bit = 0; bit < 8; bit++)
+			crc = (crc & 1) != 0 ? (crc >> 1) ^ 0x82F63B78u : crc >> 1;
+		table[i] = crc;
+	}
+	return table;
+}();
+
+class DesContext {
+public:
+	DesContext() { mbedtls_des_init(&ctx_); }
+	~DesContext() { mbedtls_des_free(&ctx_); }
+	DesContext(const DesContext &) = delete;
+	DesContext &operator=(const DesContext &) = delete;
+	mbedtls_des_context *get() { return &ctx_; }
+
+private:
+	mbedtls_des_context ctx_;
 };
 
-uint32_t
-crc32c_(uint32_t crc, const void *data, size_t len)
+// Enciphers (or deciphers) the whole blocks of data in place.  mbed TLS's
+// own DES always succeeds; only a broken build could fail.
+void des_blocks(Bytes data, bool encipher)
 {
-	const unsigned char *p = static_cast<const unsigned char *>(data);
-	size_t i;
-
-	for (i = 0; i < len; i++)
-		crc = crc32c_table[(crc ^ p[i]) & 0xFF] ^ (crc >> 8);
-	return crc;
-}
-
-static void
-put_le32(unsigned char *p, uint32_t v)
-{
-	p[0] = v & 0xFF;
-	p[1] = (v >> 8) & 0xFF;
-	p[2] = (v >> 16) & 0xFF;
-	p[3] = (v >> 24) & 0xFF;
-}
-
-static uint32_t
-get_le32(const unsigned char *p)
-{
-	return (uint32_t)p[0] | (uint32_t)p[1] << 8 | (uint32_t)p[2] << 16 | (uint32_t)p[3] << 24;
-}
-
-/* Enciphers (or deciphers) the whole 8-byte blocks of buf in place, each
- * block on its own (ECB); the len mod 8 bytes behind them stay as they are.
- * mbed TLS's own DES always returns 0; only a broken build could fail. */
-static void
-backup_des(unsigned char *buf, size_t len, int encipher)
-{
-	mbedtls_des_context ctx;
-	size_t i;
-	int r;
-
-	mbedtls_des_init(&ctx);
-	r = encipher ? mbedtls_des_setkey_enc(&ctx, backup_key) :
-		mbedtls_des_setkey_dec(&ctx, backup_key);
-	for (i = 0; r == 0 && len - i >= 8; i += 8)
-		r = mbedtls_des_crypt_ecb(&ctx, buf + i, buf + i);
-	mbedtls_des_free(&ctx);
+	DesContext des;
+	int r = encipher ? mbedtls_des_setkey_enc(des.get(), backup_key)
+			 : mbedtls_des_setkey_dec(des.get(), backup_key);
+	for (size_t i = 0; r == 0 && data.size() - i >= 8; i += 8)
+		r = mbedtls_des_crypt_ecb(des.get(), &data[i], &data[i]);
 	hx_assert("backup", r == 0);
 }
 
-/* The size of the file at path in *size: 0, or -1 after "stat %s fail". */
-static int
-backup_file_size(const char *path, off_t *size)
+void put_le32(unsigned char *p, uint32_t v)
+{
+	for (int i = 0; i < 4; i++)
+		p[i] = static_cast<unsigned char>(v >> (8 * i));
+}
+
+uint32_t get_le32(const unsigned char *p)
+{
+	return uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24;
+}
+
+std::optional<off_t> file_size(const char *path)
 {
 	struct stat st;
-
 	if (stat(path, &st) != 0) {
 		printf("stat %s fail\n", path);
-		return -1;
+		printf("failed to get file size for %s\n", path);
+		return std::nullopt;
 	}
-	*size = st.st_size;
-	return 0;
+	return st.st_size;
 }
 
-/* Reads the first len bytes of path into buf: 0, or -1 with the message. */
-static int
-backup_read(const char *path, unsigned char *buf, size_t len)
+// A zeroed buffer of n + 32 bytes, also when that does not fit in memory
+// sizes: empty after "out of memory".
+struct Buffer {
+	std::unique_ptr<unsigned char[]> bytes;
+	size_t size = 0;
+	Bytes payload() { return {bytes.get() + backup_header_size, size - backup_header_size}; }
+};
+
+Buffer buffer(off_t n)
 {
-	FILE *f = fopen(path, "rb");
-	size_t got;
-
-	if (f == NULL) {
-		printf("open file %s for read fail\n", path);
-		return -1;
+	Buffer buf;
+	if (n >= 0 && static_cast<uintmax_t>(n) <= SIZE_MAX - backup_header_size) {
+		buf.size = static_cast<size_t>(n) + backup_header_size;
+		buf.bytes.reset(new (std::nothrow) unsigned char[buf.size]());
 	}
-	got = fread(buf, 1, len, f);
-	fclose(f);
-	if (got != len) {
-		puts("fread fail");
-		return -1;
-	}
-	return 0;
-}
-
-/* Creates or truncates path and writes len bytes: 0, or -1 with the message. */
-static int
-backup_write(const char *path, const unsigned char *buf, size_t len)
-{
-	FILE *f = fopen(path, "w+b");
-	size_t put;
-
-	if (f == NULL) {
-		printf("open file %s for write fail\n", path);
-		return -1;
-	}
-	put = fwrite(buf, 1, len, f);
-	/* A write that fclose could not flush is a write that failed. */
-	if (fclose(f) != 0 || put != len) {
-		puts("fwrite fail");
-		return -1;
-	}
-	return 0;
-}
-
-/* A zeroed buffer of 32 + n bytes, or NULL after "out of memory" (also when
- * 32 + n does not fit in size_t). */
-static unsigned char *
-backup_alloc(off_t n)
-{
-	unsigned char *buf = NULL;
-
-	if (n >= 0 && (uintmax_t)n <= SIZE_MAX - BACKUP_HEADER_SIZE)
-		buf = (unsigned char *)calloc(1, (size_t)n + BACKUP_HEADER_SIZE);
-	if (buf == NULL)
+	if (!buf.bytes)
 		puts("out of memory");
 	return buf;
 }
 
-int
-db_to_conf(const char *db_path, const char *conf_path)
+bool read_file(const char *path, Bytes data)
 {
-	unsigned char *buf;
-	size_t n;
-	off_t size;
-	int ret = -1;
-
-	if (backup_file_size(db_path, &size) != 0) {
-		printf("failed to get file size for %s\n", db_path);
-		return -1;
+	hx::FilePtr file = hx::open_file(path, "rb");
+	if (!file) {
+		printf("open file %s for read fail\n", path);
+		return false;
 	}
-	buf = backup_alloc(size);
-	if (buf == NULL)
-		return -1;
-	n = (size_t)size;
-	if (backup_read(db_path, buf + BACKUP_HEADER_SIZE, n) != 0)
-		printf("fail to read %s\n", db_path);
-	else {
-		backup_des(buf + BACKUP_HEADER_SIZE, n, 1);
-		put_le32(buf, BACKUP_MAGIC);
-		put_le32(buf + 4, crc32c_(0, buf + BACKUP_HEADER_SIZE, n));
-		if (backup_write(conf_path, buf, n + BACKUP_HEADER_SIZE) != 0)
-			printf("fail to write %s\n", conf_path);
-		else
-			ret = 0;
+	if (fread(data.data(), 1, data.size(), file.get()) != data.size()) {
+		puts("fread fail");
+		return false;
 	}
-	free(buf);
-	return ret;
+	return true;
 }
 
-/* Steps 2 and 3 of the import: the size and the magic number of the backup
- * file; 0, or -1 with the messages. */
-static int
-backup_check_header(const char *conf_path, off_t size)
+bool write_file(const char *path, std::span<const unsigned char> data)
 {
-	unsigned char header[BACKUP_HEADER_SIZE];
+	hx::FilePtr file = hx::open_file(path, "w+b");
+	if (!file) {
+		printf("open file %s for write fail\n", path);
+		return false;
+	}
+	size_t put = fwrite(data.data(), 1, data.size(), file.get());
+	// a write that the close could not flush failed too
+	if (!hx::close_file(std::move(file)) || put != data.size()) {
+		puts("fwrite fail");
+		return false;
+	}
+	return true;
+}
 
-	if (size <= BACKUP_HEADER_SIZE) {
+// The size and the magic number of a backup file of size bytes.
+bool header_valid(const char *conf_path, off_t size)
+{
+	if (size <= static_cast<off_t>(backup_header_size)) {
 		puts("invalid configure file, size error");
-		return -1;
+		return false;
 	}
-	if (backup_read(conf_path, header, sizeof(header)) != 0) {
+	std::array<unsigned char, backup_header_size> header;
+	if (!read_file(conf_path, header))
 		puts("fail to read file header");
-	} else if (get_le32(header) != BACKUP_MAGIC) {
+	else if (get_le32(header.data()) != hx::conf::backup_magic)
 		puts("magic number mismatch");
-	} else {
-		return 0;
-	}
-	puts("invalid configure file, magic number error");
-	return -1;
-}
-
-/* Steps 5 to 7 of the import on the whole backup file in buf. */
-static int
-backup_unwrap(const char *db_path, unsigned char *buf, size_t n)
-{
-	unsigned char *payload = buf + BACKUP_HEADER_SIZE;
-
-	if (crc32c_(0, payload, n) != get_le32(buf + 4)) {
-		puts("invalid configure file, crc error");
-		return -1;
-	}
-	backup_des(payload, n, 0);
-	if (backup_write(db_path, payload, n) != 0) {
-		printf("fail to write %s\n", db_path);
-		return -1;
-	}
-	return 0;
-}
-
-int
-conf_to_db(const char *db_path, const char *conf_path)
-{
-	unsigned char *buf;
-	off_t size;
-	int ret = -1;
-
-	if (backup_file_size(conf_path, &size) != 0) {
-		printf("failed to get file size for %s\n", conf_path);
-		return -1;
-	}
-	if (backup_check_header(conf_path, size) != 0)
-		return -1;
-	/* s = 32 + n bytes: the allocation of n = s - 32 payload bytes. */
-	buf = backup_alloc(size - BACKUP_HEADER_SIZE);
-	if (buf == NULL)
-		return -1;
-	if (backup_read(conf_path, buf, (size_t)size) != 0)
-		printf("fail to read %s\n", conf_path);
 	else
-		ret = backup_unwrap(db_path, buf, (size_t)size - BACKUP_HEADER_SIZE);
-	free(buf);
-	return ret;
+		return true;
+	puts("invalid configure file, magic number error");
+	return false;
 }
 
-/* Steps 2 to 4 of the restore, under the lock. */
-static int
-restore_locked(void)
+// Checks and deciphers the whole backup file in buf into db_path.
+bool unwrap(const char *db_path, Buffer &buf)
 {
-	char command[128];
-	int n, status;
+	Bytes payload = buf.payload();
+	if (crc32c_(0, payload) != get_le32(buf.bytes.get() + 4)) {
+		puts("invalid configure file, crc error");
+		return false;
+	}
+	des_blocks(payload, false);
+	if (!write_file(db_path, payload)) {
+		printf("fail to write %s\n", db_path);
+		return false;
+	}
+	return true;
+}
 
-	if (conf_to_db(NEW_SYSCONF, UPFILE) != 0)
+// Converts the upload and has "sysconf rep" install it, under the lock.
+int restore_locked()
+{
+	if (conf_to_db(new_sysconf, upfile) != 0)
 		return -1;
-	unlink(DB_CHECK_DONE);
-	n = snprintf(command, sizeof(command), REP_COMMAND, NEW_SYSCONF);
-	if (n < 0 || (size_t)n >= sizeof(command))
-		return -1;
-	status = do_system(command);
-	/* -1: the shell could not be started, which is no exit status. */
+	unlink(db_check_done);
+	int status = do_system(hx::format("sysconf rep %s\n", new_sysconf).c_str());
+	// -1: no shell could be started, which is no exit status either
 	if (status == -1 || !WIFEXITED(status)) {
 		puts("system fail");
 		return -1;
@@ -330,29 +198,70 @@ restore_locked(void)
 	return 0;
 }
 
-int
-sysconf_restore(void)
-{
-	int fd = open(UPFILE_LOCK, O_WRONLY | O_CREAT | O_EXCL | O_TRUNC | O_CLOEXEC, 0644);
-	int ret = -1;
+}  // namespace
 
-	if (fd < 0) {
-		puts("upfile locked");
-	} else {
-		ret = restore_locked();
-		close(fd);
+uint32_t crc32c_(uint32_t crc, std::span<const unsigned char> data)
+{
+	for (unsigned char byte : data)
+		crc = crc32c_table[(crc ^ byte) & 0xFF] ^ (crc >> 8);
+	return crc;
+}
+
+int db_to_conf(const char *db_path, const char *conf_path)
+{
+	std::optional<off_t> size = file_size(db_path);
+	if (!size)
+		return -1;
+	Buffer buf = buffer(*size);
+	if (!buf.bytes)
+		return -1;
+	Bytes payload = buf.payload();
+	if (!read_file(db_path, payload)) {
+		printf("fail to read %s\n", db_path);
+		return -1;
 	}
-	unlink(UPFILE);
-	unlink(UPFILE_LOCK);
+	des_blocks(payload, true);
+	put_le32(buf.bytes.get(), hx::conf::backup_magic);
+	put_le32(buf.bytes.get() + 4, crc32c_(0, payload));
+	if (!write_file(conf_path, {buf.bytes.get(), buf.size})) {
+		printf("fail to write %s\n", conf_path);
+		return -1;
+	}
+	return 0;
+}
+
+int conf_to_db(const char *db_path, const char *conf_path)
+{
+	std::optional<off_t> size = file_size(conf_path);
+	if (!size || !header_valid(conf_path, *size))
+		return -1;
+	Buffer buf = buffer(*size - static_cast<off_t>(backup_header_size));
+	if (!buf.bytes)
+		return -1;
+	if (!read_file(conf_path, {buf.bytes.get(), buf.size})) {
+		printf("fail to read %s\n", conf_path);
+		return -1;
+	}
+	return unwrap(db_path, buf) ? 0 : -1;
+}
+
+// The upload and the lock go whatever the outcome; a lock found in place
+// (another restore running) is removed too.
+int sysconf_restore()
+{
+	int ret = -1;
+	hx::UniqueFd lock(open(upfile_lock, O_WRONLY | O_CREAT | O_EXCL | O_TRUNC | O_CLOEXEC, 0644));
+	if (lock)
+		ret = restore_locked();
+	else
+		puts("upfile locked");
+	lock.reset();
+	unlink(upfile);
+	unlink(upfile_lock);
 	return ret;
 }
 
-const char *
-_revalidate_uploadSysconf(struct json_object *value, struct json_object *reply_arguments,
-			  void *deferred)
+const char *_revalidate_uploadSysconf(json_object *value, json_object *, void *)
 {
-	(void)value;
-	(void)reply_arguments;
-	(void)deferred;
-	return sysconf_restore() == 0 ? NULL : "internal error";
+	return hx::ipc::run_checked<sysconf_restore>(value);
 }

@@ -35,7 +35,7 @@ check_round_trip(const uint8_t *data, size_t size)
 	if (got == NULL || want == NULL)
 		abort();
 	memcpy(want, data, size);
-	memset(want + 8, 0, BACKUP_HEADER_SIZE - 8);
+	memset(want + 8, 0, hx::conf::backup_header_size - 8);
 	if (db_to_conf(db.path, again.path) != 0 ||
 	    pread(again.fd, got, size + 1, 0) != (ssize_t)size ||
 	    memcmp(got, want, size) != 0)

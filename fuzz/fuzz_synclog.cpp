@@ -13,8 +13,8 @@ LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 	struct backup_record record;
 	char *line = fuzz_text(data, size);
 
-	initRecord(&record);
-	getRecordFromLine(&record, line);
+	initRecord(record);
+	getRecordFromLine(record, line);
 	free(line);
 	return 0;
 }

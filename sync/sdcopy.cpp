@@ -1,491 +1,411 @@
-/* Part 7.2: SD-card copy and backup log. */
+// The SD-card copy: the whole card is copied, as a sync task, into a folder
+// named after the active owner and the card on the first USB disk; and the
+// card's state and the backup log that the copy script keeps.
 #include <mntent.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
-#include <event.h>
-#include <json-c/json.h>
+#include <algorithm>
+#include <memory>
+#include <span>
 
-#include "conf/confdb.h"
-#include "conf/confjson.h"
+#include "conf/store.h"
+#include "core/fmt.h"
 #include "core/util.h"
 #include "ipc/info_parse.h"
 #include "storage/storage.h"
 #include "sync/sync.h"
 
-#define SD_CARD        "SD Card"
-#define SD_MOUNT_DIR   "/tmp/media/share/sdcard"
-#define LOG_FIELDS_MAX 10
-#define LOG_FIELD_SIZE 2048
-#define LOG_LINE_SIZE  2048
+namespace {
 
-const char *const backup_result_str[2] = { "success", "failed" };
-const char *const backup_type_str[2] = { "auto", "manual" };
+namespace conf = hx::conf;
+using conf::Store;
+using hx::sync::Error;
+using hx::sync::error_text;
 
-static const char *
-share_root(void)
+constexpr const char *sd_card = "SD Card";
+// The card's mount point: a fixed path, whatever the share root is.
+constexpr const char *sd_mount_dir = "/tmp/media/share/sdcard";
+constexpr size_t folder_max = 63;	// the card's folder name
+constexpr size_t first_dir_max = 1023;	// first_mnt_dir is read into 1024 bytes
+constexpr size_t fields_max = 10;
+constexpr size_t field_max = 2047;
+constexpr size_t key_max = 127;
+constexpr size_t value_max = 255;
+constexpr std::string_view blanks = " \t\n\v\f\r";
+
+// The string form of key's value; nullopt once the reason is printed:
+// missing for a key that cannot be read, "token parse error for KEY" for
+// one that does not parse.
+std::optional<std::string> conf_text(Store store, const char *key, const char *missing)
 {
-	const char *top = getenv("MOUNT_TOP");
-
-	return top != NULL ? top : "/tmp/media/share";
+	tl::expected<std::string, conf::Error> text = conf::text(store, key);
+	if (text)
+		return std::move(*text);
+	if (text.error() == conf::Error::missing)
+		puts(missing);
+	else
+		printf("token parse error for %s\n", key);
+	return std::nullopt;
 }
 
-unsigned int
-cap_calc(uint64_t bytes)
+std::optional<std::string> first_mnt_dir()
 {
-	static const unsigned int sizes[] = { 1, 2, 4, 8, 16, 32, 48, 64, 128, 200 };
-	float g = (float)((double)bytes / 1000 / 1000 / 1000);
-	size_t i;
-
-	for (i = 0; i < sizeof(sizes) / sizeof(sizes[0]); i++) {
-		if ((float)sizes[i] * 0.9f <= g && (float)sizes[i] * 1.1f >= g)
-			return sizes[i];
-	}
-	return (unsigned int)(g + 0.5f);
+	std::optional<std::string> dir =
+		conf_text(Store::rtconf, "first_mnt_dir", "rtConfGet error for first_mnt_dir");
+	if (dir && dir->size() > first_dir_max)
+		dir->resize(first_dir_max);
+	return dir;
 }
 
-void
-sd_uuid_from_blkid(const char *line, char *uuid, int size)
+const disk_info *find_card(const disk_list &list)
 {
-	const char *start = strstr(line, "UUID=\"");
-	size_t len;
-
-	if (start == NULL) {
-		strlcpy(uuid, "0000-0000", size);
-		return;
-	}
-	start += strlen("UUID=\"");
-	len = strstr(start, "\" ") != NULL ? (size_t)(strstr(start, "\" ") - start)
-					   : strcspn(start, "\"\n");
-	if (len >= (size_t)size)
-		len = size - 1;
-	memcpy(uuid, start, len);
-	uuid[len] = '\0';
+	auto disks = std::span(list.disk).first(std::min<size_t>(list.disk_num, STORAGE_MAX_DISKS));
+	auto card = std::find_if(disks.begin(), disks.end(),
+				 [](const disk_info &disk) { return disk.media_type == 1; });
+	return card != disks.end() ? &*card : nullptr;
 }
 
-/* The first disk with media type 1, or NULL. */
-static const disk_info *
-sd_find_card(const disk_list *list)
+// The UUID of the card's first partition from blkid.
+std::optional<std::string> card_uuid(const char *disk)
 {
-	uint32_t i;
-
-	for (i = 0; i < list->disk_num && i < STORAGE_MAX_DISKS; i++) {
-		if (list->disk[i].media_type == 1)
-			return &list->disk[i];
-	}
-	return NULL;
-}
-
-/* The UUID of the card's first partition from blkid; -1 when popen fails. */
-static int
-sd_card_uuid(const char *disk_name, char *uuid, int size)
-{
-	char cmd[64], line[256] = "";
-	FILE *fp;
-
-	gwutil_snprintf(cmd, sizeof(cmd), "blkid /dev/%s1", disk_name);
-	fp = popen(cmd, "r");
-	if (fp == NULL) {
+	hx::PipePtr blkid = hx::open_pipe(hx::format("blkid /dev/%s1", disk).c_str(), "r");
+	if (!blkid) {
 		puts("popen blkid error");
-		return -1;
+		return std::nullopt;
 	}
-	if (fgets(line, sizeof(line), fp) == NULL)
+	std::array<char, 256> line{};
+	if (fgets(line.data(), static_cast<int>(line.size()), blkid.get()) == nullptr)
 		line[0] = '\0';
-	pclose(fp);
-	sd_uuid_from_blkid(line, uuid, size);
-	return 0;
+	return hx::sync::uuid_from_blkid(line.data());
 }
 
-void
-_get_sd_folder_name(char *buf, int size)
+// The copy's destination relative to the share root: the first disk's
+// folder, the owner's, "Backup" and the card's.
+std::optional<std::string> sd_destination()
 {
-	static disk_list list;	/* event-loop thread only; too large for a small stack */
-	const disk_info *card;
-	char cap[16], uuid[64];
-
-	strlcpy(buf, SD_CARD, size);
-	memset(&list, 0, sizeof(list));
-	if (getDiskList(&list) != 0) {
-		puts("get disk list failed.");
-		return;
+	std::optional<std::string> first = first_mnt_dir();
+	if (!first)
+		return std::nullopt;
+	std::string_view root = hx::sync::share_root();
+	size_t at = first->find(root);
+	if (at == std::string::npos) {
+		puts("MOUNT_DIR error");
+		return std::nullopt;
 	}
-	card = sd_find_card(&list);
-	if (card == NULL) {
-		puts("\nget disk list successfully, buy can't find sdcard");
-		return;
-	}
-	printf("\nget sdcard, name = %s\n", card->name);
-	gwutil_snprintf(cap, sizeof(cap), "%dGB", (int)cap_calc(card->total * 1024));
-	if (sd_card_uuid(card->name, uuid, sizeof(uuid)) != 0)
-		return;
-	gwutil_snprintf(buf, size, "%s %s %s", SD_CARD, cap, uuid);
-	printf("sd name = %s\n", buf);
+	at = std::min(at + root.size() + 1, first->size());
+	std::optional<std::string> user =
+		conf_text(Store::sysconf, "active_user", "sysConfGet error for active_user name");
+	if (!user)
+		return std::nullopt;
+	std::string dst = first->substr(at) + "/" + std::string(hx::sync::owner_folder(*user)) +
+			  "/Backup/" + _get_sd_folder_name();
+	if (dst.size() >= 1024)
+		return std::nullopt;
+	return dst;
 }
 
-const char *
-sd_owner_folder(const char *active_user)
+// Whether /etc/mtab has the card mounted; nullopt when it cannot be read.
+std::optional<bool> card_mounted()
 {
-	static const char *const owners[][2] = {
-		{ "user0_name", "Default user" }, { "user1_name", "Owner1" },
-		{ "user2_name", "Owner2" }, { "user3_name", "Owner3" },
+	hx::Owned<FILE, endmntent> mtab(setmntent("/etc/mtab", "r"));
+	if (!mtab) {
+		printf("umount failed: open %s failed\n", "/etc/mtab");
+		return std::nullopt;
+	}
+	while (const mntent *entry = getmntent(mtab.get())) {
+		if (strstr(entry->mnt_dir, sd_mount_dir) != nullptr &&
+		    strstr(entry->mnt_fsname, "/dev/sd") != nullptr)
+			return true;
+	}
+	return false;
+}
+
+// A number field: strtol in place of "%ld", so text out of range is
+// clamped; text that does not convert keeps the field.
+void parse_long(const std::string &text, long &field)
+{
+	char *end;
+	long value = strtol(text.c_str(), &end, 10);
+	if (end != text.c_str())
+		field = value;
+}
+
+// The index of the value's first word in words, else keep.
+int parse_word(std::string_view value, const std::array<const char *, 2> &words, int keep)
+{
+	size_t start = value.find_first_not_of(blanks);
+	if (start == std::string_view::npos)
+		return keep;
+	value.remove_prefix(start);
+	value = value.substr(0, value.find_first_of(blanks));
+	auto word = std::find(words.begin(), words.end(), value);
+	return word != words.end() ? static_cast<int>(word - words.begin()) : keep;
+}
+
+using Setter = void (*)(backup_record &, const std::string &);
+
+struct Field {
+	std::string_view key;
+	Setter set;
+};
+
+constexpr Field fields[] = {
+	{"log_id", [](backup_record &r, const std::string &v) { parse_long(v, r.id); }},
+	{"result", [](backup_record &r, const std::string &v) {
+		 r.result = parse_word(v, backup_result_str, r.result);
+	 }},
+	{"sync_type", [](backup_record &r, const std::string &v) {
+		 r.type = parse_word(v, backup_type_str, r.type);
+	 }},
+	{"dest_dir", [](backup_record &r, const std::string &v) { r.dest_dir = v; }},
+	{"file_count", [](backup_record &r, const std::string &v) { parse_long(v, r.file_count); }},
+	{"oldest_file", [](backup_record &r, const std::string &v) { r.oldest_file = v; }},
+	{"oldest_time", [](backup_record &r, const std::string &v) { parse_long(v, r.oldest_time); }},
+	{"newest_file", [](backup_record &r, const std::string &v) { r.newest_file = v; }},
+	{"newest_time", [](backup_record &r, const std::string &v) { parse_long(v, r.newest_time); }},
+};
+
+// One "key=value" field: a key of 1 to 127 characters, a value of 1 to 255
+// up to the end of the line.  Anything else, and unknown keys, are ignored.
+void record_field(backup_record &record, std::string_view field)
+{
+	size_t eq = field.find('=');
+	if (eq == 0 || eq == std::string_view::npos || eq > key_max)
+		return;
+	std::string_view value = field.substr(eq + 1);
+	value = value.substr(0, std::min(value.find('\n'), value_max));
+	auto known = std::find_if(std::begin(fields), std::end(fields),
+				  [&](const Field &f) { return f.key == field.substr(0, eq); });
+	if (!value.empty() && known != std::end(fields))
+		known->set(record, std::string(value));
+}
+
+hx::json::Ptr made(json_object *value, const char *kind)
+{
+	if (value == nullptr)
+		printf("json_object_new_%s failed.\n", kind);
+	return hx::json::Ptr(value);
+}
+
+void add_long(json_object *object, const char *key, long value)
+{
+	hx::json::add_string(object, key, hx::format("%ld", value));
+}
+
+hx::json::Ptr record_object(const backup_record &record)
+{
+	hx::json::Ptr object = made(json_object_new_object(), "object");
+	if (!object)
+		return object;
+	json_object *o = object.get();
+	add_long(o, "id", record.id);
+	hx::json::add_string(o, "result", backup_result_str[record.result]);
+	hx::json::add_string(o, "type", backup_type_str[record.type]);
+	hx::json::add_string(o, "des", record.dest_dir);
+	add_long(o, "file_count", record.file_count);
+	hx::json::add_string(o, "oldest_file", record.oldest_file);
+	add_long(o, "oldest_time", record.oldest_time);
+	hx::json::add_string(o, "newest_file", record.newest_file);
+	add_long(o, "newest_time", record.newest_time);
+	return object;
+}
+
+}  // namespace
+
+unsigned int cap_calc(uint64_t bytes)
+{
+	static constexpr unsigned int sizes[] = {1, 2, 4, 8, 16, 32, 48, 64, 128, 200};
+	float g = static_cast<float>(static_cast<double>(bytes) / 1000 / 1000 / 1000);
+	for (unsigned int size : sizes) {
+		if (static_cast<float>(size) * 0.9f <= g && static_cast<float>(size) * 1.1f >= g)
+			return size;
+	}
+	return static_cast<unsigned int>(g + 0.5f);
+}
+
+namespace hx::sync {
+
+std::string uuid_from_blkid(std::string_view line)
+{
+	constexpr std::string_view tag = "UUID=\"";
+	size_t at = line.find(tag);
+	if (at == std::string_view::npos)
+		return "0000-0000";
+	std::string_view uuid = line.substr(at + tag.size());
+	size_t end = uuid.find("\" ");
+	if (end == std::string_view::npos)
+		end = uuid.find_first_of("\"\n");
+	return std::string(uuid.substr(0, std::min(end, folder_max)));
+}
+
+std::string_view owner_folder(std::string_view active_user)
+{
+	static constexpr std::pair<std::string_view, std::string_view> owners[] = {
+		{"user0_name", "Default user"}, {"user1_name", "Owner1"},
+		{"user2_name", "Owner2"}, {"user3_name", "Owner3"},
 	};
-	size_t i;
-
-	for (i = 0; i < sizeof(owners) / sizeof(owners[0]); i++) {
-		if (strcmp(active_user, owners[i][0]) == 0)
-			return owners[i][1];
+	for (const auto &[key, folder] : owners) {
+		if (key == active_user)
+			return folder;
 	}
 	return "";
 }
 
-/* A store value's string form; prints the spec's message and returns -1
- * when it is missing or does not parse. */
-static int
-sd_conf_text(enum conf_store store, const char *key, const char *missing, char *buf, size_t size)
-{
-	char bad[64];
-	int rc = confGetString(store, key, buf, size);
+}  // namespace hx::sync
 
-	if (rc == CONF_MISSING)
-		puts(missing);
-	if (rc == CONF_BAD_JSON) {
-		gwutil_snprintf(bad, sizeof(bad), "token parse error for %s", key);
-		puts(bad);
+std::string _get_sd_folder_name()
+{
+	auto list = std::make_unique<disk_list>();
+	if (getDiskList(list.get()) != 0) {
+		puts("get disk list failed.");
+		return sd_card;
 	}
-	return rc == 0 ? 0 : -1;
+	const disk_info *card = find_card(*list);
+	if (card == nullptr) {
+		puts("\nget disk list successfully, buy can't find sdcard");
+		return sd_card;
+	}
+	printf("\nget sdcard, name = %s\n", card->name);
+	std::optional<std::string> uuid = card_uuid(card->name);
+	if (!uuid)
+		return sd_card;
+	int size = static_cast<int>(cap_calc(card->total * 1024));
+	std::string name = hx::format("%s %dGB %s", sd_card, size, uuid->c_str());
+	name.resize(std::min(name.size(), folder_max));
+	printf("sd name = %s\n", name.c_str());
+	return name;
 }
 
-/* sd_copy step 2: 0 card on, 1 "off", -1 unreadable. */
-static int
-sd_state_check(void)
+const char *_revalidate_sdCopy(json_object *value, json_object *, void *)
 {
-	char state[16];
-
-	if (sd_conf_text(CONF_RTCONF, "sd_state", "rtConfGet error for sd_state",
-			 state, sizeof(state)) != 0)
-		return -1;
-	if (strcmp(state, "off") == 0) {
-		puts("no sdcard found");
-		return 1;
-	}
-	return 0;
-}
-
-/* sd_copy steps 5 and 6: the destination relative to the share root. */
-static int
-sd_destination(char *dst, size_t size)
-{
-	char first[1024], user[64], card[64];
-	const char *root = share_root(), *rel;
-	int len;
-
-	if (sd_conf_text(CONF_RTCONF, "first_mnt_dir", "rtConfGet error for first_mnt_dir",
-			 first, sizeof(first)) != 0)
-		return -1;
-	rel = strstr(first, root);
-	if (rel == NULL) {
-		puts("MOUNT_DIR error");
-		return -1;
-	}
-	rel += strlen(root);
-	rel += *rel != '\0';
-	if (sd_conf_text(CONF_SYSCONF, "active_user", "sysConfGet error for active_user name",
-			 user, sizeof(user)) != 0)
-		return -1;
-	_get_sd_folder_name(card, sizeof(card));
-	len = snprintf(dst, size, "%s/%s/Backup/%s", rel, sd_owner_folder(user), card);
-	return len < 0 || (size_t)len >= size ? -1 : 0;
-}
-
-const char *
-_revalidate_sdCopy(struct json_object *value, struct json_object *reply_arguments, void *deferred)
-{
-	struct json_object *action;
-	const char *act;
-	char dst[1024];
-	int state;
-
-	(void)reply_arguments;
-	(void)deferred;
-	if (value == NULL) {
+	if (value == nullptr) {
 		puts("Input parameter is NULL.");
 		return "invalid arguments";
 	}
-	if (!json_object_object_get_ex(value, "action", &action))
+	json_object *member = nullptr;
+	if (!json_object_object_get_ex(value, "action", &member))
 		return "invalid arguments";
-	if (!json_object_is_type(action, json_type_string))
+	if (!hx::json::is(member, json_type_string))
 		return "internal error";
-	act = json_object_get_string(action);
-	state = sd_state_check();
-	if (state != 0)
-		return sync_error_string[state < 0 ? SYNC_ERR_INTERNAL : SYNC_ERR_NO_SDCARD];
-	if (strcmp(act, "cancel") == 0) {
+	std::string_view action = hx::json::text(member);
+	std::optional<std::string> state =
+		conf_text(Store::rtconf, "sd_state", "rtConfGet error for sd_state");
+	if (!state)
+		return error_text(Error::internal);
+	if (*state == "off") {
+		puts("no sdcard found");
+		return error_text(Error::no_sdcard);
+	}
+	if (action == "cancel") {
 		sync_task_delete();
-		return NULL;
+		return nullptr;
 	}
-	if (sync_battery_low())
-		return sync_error_string[SYNC_ERR_LOW_BATTERY];
-	if (sd_destination(dst, sizeof(dst)) != 0)
-		return sync_error_string[SYNC_ERR_INTERNAL];
-	if (strcmp(act, "start") != 0)
-		return NULL;
+	if (hx::sync::battery_low())
+		return error_text(Error::low_battery);
+	std::optional<std::string> dst = sd_destination();
+	if (!dst)
+		return error_text(Error::internal);
+	if (action != "start")
+		return nullptr;
 	do_system("/etc/demo/minidlna_stop.sh");
-	switch (start_sync(dst)) {
-	case -1:
-		return sync_error_string[SYNC_ERR_INTERNAL];
-	case -2:
-		return sync_error_string[SYNC_ERR_BUSY];
-	default:
-		return NULL;
-	}
+	return hx::sync::task_result(start_sync(dst->c_str()));
 }
 
-/* 1 when /etc/mtab has the card mounted, 0 when not, -1 when unreadable. */
-static int
-sd_card_mounted(void)
+const char *_info_getSDCardStatus(json_object *name, json_object *infos, void *)
 {
-	struct mntent *entry;
-	FILE *mtab = setmntent("/etc/mtab", "r");
-	int found = 0;
-
-	if (mtab == NULL) {
-		printf("umount failed: open %s failed\n", "/etc/mtab");
-		return -1;
-	}
-	while (!found && (entry = getmntent(mtab)) != NULL)
-		found = strstr(entry->mnt_dir, SD_MOUNT_DIR) != NULL &&
-			strstr(entry->mnt_fsname, "/dev/sd") != NULL;
-	endmntent(mtab);
-	return found;
-}
-
-const char *
-_info_getSDCardStatus(struct json_object *name, struct json_object *infos, void *context)
-{
-	struct evbuffer *buf;
-	int scan, mounted = 0;
-
-	(void)context;
 	if (info_args_missing(name, infos))
 		return "Invalid arguments.";
-	buf = evbuffer_new();
-	if (buf == NULL)
-		return "ERROR";
-	scan = rtConfGet("sd_state", buf) != 0 ||
-	       strcmp((const char *)evbuffer_pullup(buf, -1), "\"on\"") == 0;
-	evbuffer_free(buf);
-	if (scan && (mounted = sd_card_mounted()) < 0)
-		return "ERROR";
-	info_add_string(infos, name, mounted ? "in" : "out");
-	return NULL;
-}
-
-void
-initRecord(struct backup_record *record)
-{
-	memset(record, 0, sizeof(*record));
-	record->result = 0;
-	record->type = 1;
-}
-
-/* strtol in place of "%ld": out-of-range text is clamped, not undefined. */
-static void
-parse_long(const char *text, long *out)
-{
-	char *end;
-	long v = strtol(text, &end, 10);
-
-	if (end != text)
-		*out = v;
-}
-
-/* The index of value's first word in table, or keep. */
-static int
-parse_word(const char *value, const char *const table[2], int keep)
-{
-	char word[256];
-	int i;
-
-	if (sscanf(value, "%255s", word) != 1)
-		return keep;
-	for (i = 0; i < 2; i++) {
-		if (strcmp(word, table[i]) == 0)
-			return i;
+	std::optional<std::string> state = conf::get(Store::rtconf, "sd_state");
+	bool in = false;
+	if (!state || *state == "\"on\"") {
+		std::optional<bool> mounted = card_mounted();
+		if (!mounted)
+			return "ERROR";
+		in = *mounted;
 	}
-	return keep;
+	hx::json::add_string(infos, hx::json::text(name), in ? "in" : "out");
+	return nullptr;
 }
 
-static void
-record_field(struct backup_record *record, const char *field)
+void initRecord(backup_record &record)
 {
-	char key[128], value[256];
-
-	if (sscanf(field, "%127[^=]=%255[^\n]", key, value) != 2)
-		return;
-	if (strcmp(key, "log_id") == 0)
-		parse_long(value, &record->id);
-	else if (strcmp(key, "result") == 0)
-		record->result = parse_word(value, backup_result_str, record->result);
-	else if (strcmp(key, "sync_type") == 0)
-		record->type = parse_word(value, backup_type_str, record->type);
-	else if (strcmp(key, "dest_dir") == 0)
-		strlcpy(record->dest_dir, value, sizeof(record->dest_dir));
-	else if (strcmp(key, "file_count") == 0)
-		parse_long(value, &record->file_count);
-	else if (strcmp(key, "oldest_file") == 0)
-		strlcpy(record->oldest_file, value, sizeof(record->oldest_file));
-	else if (strcmp(key, "oldest_time") == 0)
-		parse_long(value, &record->oldest_time);
-	else if (strcmp(key, "newest_file") == 0)
-		strlcpy(record->newest_file, value, sizeof(record->newest_file));
-	else if (strcmp(key, "newest_time") == 0)
-		parse_long(value, &record->newest_time);
+	record = backup_record{};
 }
 
-void
-getRecordFromLine(struct backup_record *record, const char *line)
+void getRecordFromLine(backup_record &record, std::string_view line)
 {
-	char field[LOG_FIELD_SIZE];
-	const char *p = line, *sep;
-	size_t len;
-	int n;
-
-	for (n = 0; n < LOG_FIELDS_MAX && p != NULL; n++) {
-		sep = strstr(p, ";;");
-		len = sep != NULL ? (size_t)(sep - p) : strlen(p);
-		if (len >= sizeof(field))
-			len = sizeof(field) - 1;
-		memcpy(field, p, len);
-		field[len] = '\0';
-		record_field(record, field);
-		p = sep != NULL ? sep + 2 : NULL;
+	for (size_t n = 0; n < fields_max; n++) {
+		size_t sep = line.find(";;");
+		record_field(record, line.substr(0, std::min(sep, field_max)));
+		if (sep == std::string_view::npos)
+			return;
+		line.remove_prefix(sep + 2);
 	}
 }
 
-int
-getLogListFromFile(struct backup_log_list *list, const char *path)
+backup_log_list getLogListFromFile(const char *path)
 {
-	char line[LOG_LINE_SIZE];
-	struct backup_record *record;
-	uint32_t slot = 0, wrapped = 0;
-	FILE *fp;
-
-	if (list == NULL || path == NULL)
-		return -1;
-	fp = fopen(path, "r");
-	if (fp == NULL)
-		return 0;
-	while (fgets(line, sizeof(line), fp) != NULL) {
-		if (strstr(line, ";;log_id") == NULL)
+	backup_log_list list;
+	hx::FilePtr log = hx::open_file(path, "r");
+	if (!log)
+		return list;
+	std::array<char, field_max + 1> line;
+	size_t slot = 0;
+	bool wrapped = false;
+	while (fgets(line.data(), static_cast<int>(line.size()), log.get()) != nullptr) {
+		if (strstr(line.data(), ";;log_id") == nullptr)
 			continue;
-		record = &list->records[slot];
+		backup_record &record = list.records[slot];
 		initRecord(record);
-		getRecordFromLine(record, line);
-		if ((uint32_t)record->id > list->latest_id)
-			list->latest_id = (uint32_t)record->id;
-		if (++slot == BACKUP_LOG_MAX) {
+		getRecordFromLine(record, line.data());
+		list.latest_id = std::max(list.latest_id, static_cast<uint32_t>(record.id));
+		if (++slot == backup_log_max) {
 			slot = 0;
-			wrapped = 1;
+			wrapped = true;
 		}
 	}
-	fclose(fp);
-	list->count = wrapped ? BACKUP_LOG_MAX : slot;
-	return 0;
+	list.count = static_cast<uint32_t>(wrapped ? backup_log_max : slot);
+	return list;
 }
 
-void
-recordDescription(const char *text, const struct backup_record *record)
+void recordDescription(const char *text, const backup_record &record)
 {
 	printf("\n%s -------------------\n", text);
-	printf("%s id = %ld\n", text, record->id);
-	printf("%s result = %s\n", text, backup_result_str[record->result]);
-	printf("%s type = %s\n", text, backup_type_str[record->type]);
-	printf("%s desdir = %s\n", text, record->dest_dir);
-	printf("%s num = %ld\n", text, record->file_count);
-	printf("%s oldest_name = %s\n", text, record->oldest_file);
-	printf("%s oldest_time = %ld\n", text, record->oldest_time);
-	printf("%s newest_name = %s\n", text, record->newest_file);
-	printf("%s newest_time = %ld\n", text, record->newest_time);
+	printf("%s id = %ld\n", text, record.id);
+	printf("%s result = %s\n", text, backup_result_str[record.result]);
+	printf("%s type = %s\n", text, backup_type_str[record.type]);
+	printf("%s desdir = %s\n", text, record.dest_dir.c_str());
+	printf("%s num = %ld\n", text, record.file_count);
+	printf("%s oldest_name = %s\n", text, record.oldest_file.c_str());
+	printf("%s oldest_time = %ld\n", text, record.oldest_time);
+	printf("%s newest_name = %s\n", text, record.newest_file.c_str());
+	printf("%s newest_time = %ld\n", text, record.newest_time);
 	printf("%s -------------------\n", text);
 }
 
-static void
-set_long(struct json_object *object, const char *key, long value)
+const char *_info_getSDCardBackupLogs(json_object *name, json_object *infos, void *)
 {
-	char text[24];
-
-	gwutil_snprintf(text, sizeof(text), "%ld", value);
-	info_set_string(object, key, text);
-}
-
-static struct json_object *
-record_object(const struct backup_record *record)
-{
-	struct json_object *object = json_object_new_object();
-
-	if (object == NULL) {
-		puts("json_object_new_object failed.");
-		return NULL;
-	}
-	set_long(object, "id", record->id);
-	info_set_string(object, "result", backup_result_str[record->result]);
-	info_set_string(object, "type", backup_type_str[record->type]);
-	info_set_string(object, "des", record->dest_dir);
-	set_long(object, "file_count", record->file_count);
-	info_set_string(object, "oldest_file", record->oldest_file);
-	set_long(object, "oldest_time", record->oldest_time);
-	info_set_string(object, "newest_file", record->newest_file);
-	set_long(object, "newest_time", record->newest_time);
-	return object;
-}
-
-static const char *
-log_list_add(struct json_object *infos, struct json_object *name,
-	     const struct backup_log_list *list)
-{
-	struct json_object *value, *array, *record;
-	uint32_t i;
-
-	value = info_add_object(infos, name);
-	if (value == NULL)
-		return "ERROR";
-	set_long(value, "log_num", (long)list->count);
-	set_long(value, "log_id_latest", (long)(int32_t)list->latest_id);
-	array = json_object_new_array();
-	if (array == NULL) {
-		puts("json_object_new_array failed.");
-		return "ERROR";
-	}
-	json_object_object_add(value, "log_list", array);
-	for (i = 0; i < list->count; i++) {
-		record = record_object(&list->records[i]);
-		if (record == NULL)
-			return "ERROR";
-		json_object_array_add(array, record);
-	}
-	return NULL;
-}
-
-const char *
-_info_getSDCardBackupLogs(struct json_object *name, struct json_object *infos, void *context)
-{
-	struct backup_log_list *list;
-	char first[1024], path[1100];
-	const char *error;
-
-	(void)context;
 	if (info_args_missing(name, infos))
 		return "Invalid arguments.";
-	if (sd_conf_text(CONF_RTCONF, "first_mnt_dir", "rtConfGet error for first_mnt_dir",
-			 first, sizeof(first)) != 0)
+	std::optional<std::string> first = first_mnt_dir();
+	if (!first)
 		return "ERROR";
-	gwutil_snprintf(path, sizeof(path), "%s/.log/sync.log", first);
-	list = (struct backup_log_list *)calloc(1, sizeof(*list));
-	if (list == NULL)
+	backup_log_list list = getLogListFromFile((*first + "/.log/sync.log").c_str());
+	hx::json::Ptr value = made(json_object_new_object(), "object");
+	hx::json::Ptr array = value ? made(json_object_new_array(), "array") : nullptr;
+	if (!array)
 		return "ERROR";
-	getLogListFromFile(list, path);
-	error = log_list_add(infos, name, list);
-	free(list);
-	return error;
+	add_long(value.get(), "log_num", static_cast<long>(list.count));
+	add_long(value.get(), "log_id_latest", static_cast<int32_t>(list.latest_id));
+	for (const backup_record &record : std::span(list.records).first(list.count)) {
+		hx::json::Ptr object = record_object(record);
+		if (!object)
+			return "ERROR";
+		json_object_array_add(array.get(), object.release());
+	}
+	hx::json::add(value.get(), "log_list", std::move(array));
+	hx::json::add(infos, hx::json::text(name), std::move(value));
+	return nullptr;
 }

@@ -1,105 +1,128 @@
-/* Parts 7.1 (sync tasks) and 7.2 (SD-card copy and backup log). */
+// Sync tasks (one copy task at a time on a worker thread, run by the
+// platform's copy script) and the SD-card copy with its backup log.
 #ifndef HX_SYNC_SYNC_H
 #define HX_SYNC_SYNC_H
 
 #include <stdint.h>
 
+#include <array>
 #include <atomic>
+#include <optional>
+#include <string>
+#include <string_view>
 
-struct evbuffer;
 struct json_object;
 
-/* Part 7.1: the one task record. */
+namespace hx::sync {
+
+enum class Status : int32_t { none, created, running, done, done_failed, cancelled };
+enum class Error { internal, busy, low_battery, no_sdcard };
+
+}  // namespace hx::sync
+
+// The one task record.
 struct sync_task {
-	int32_t id;
-	struct evbuffer *src;
-	struct evbuffer *dst;
-	std::atomic<int32_t> status;	/* written by the request thread and the worker */
-	int32_t reserved;
+	int32_t id = -1;
+	std::string src;
+	std::string dst;
+	std::atomic<hx::sync::Status> status{hx::sync::Status::none};	// request thread and worker
+	int32_t reserved = 0;
+};
+extern sync_task g_synctask;
+
+// Indexed by hx::sync::Error.
+inline constexpr std::array<const char *, 4> sync_error_string = {
+	"sync_internal_error", "sync_task_busy", "sync_low_battery_power", "sync_no_sdcard_found",
 };
 
-enum sync_status {
-	SYNC_NONE = 0, SYNC_CREATED = 1, SYNC_RUNNING = 2,
-	SYNC_DONE = 3, SYNC_DONE_1 = 4, SYNC_CANCELLED = 5,
-};
-
-/* Indexes into sync_error_string. */
-enum sync_error {
-	SYNC_ERR_INTERNAL, SYNC_ERR_BUSY, SYNC_ERR_LOW_BATTERY, SYNC_ERR_NO_SDCARD,
-};
-extern const char *const sync_error_string[4];
-
-extern struct sync_task g_synctask;
-
-/* 0 started, -1 bad path or no destination, -2 another task runs. */
+// 0 started, -1 bad path or no destination, -2 another task runs.  src may
+// be null (the whole share).
 int sync_task_new(int type, const char *src, const char *dst);
-/* sync_task_new(1, NULL, dst) */
 int start_sync(const char *dst);
-/* Cancel; always 0. */
-int sync_task_delete(void);
-int sync_task_get_id(void);
-int sync_task_get_status(void);
-/* sync_progress as an integer, 0 when missing or unreadable. */
-int sync_task_get_progress(void);
-void sync_task_init(struct sync_task *task);
-void sync_task_reset(struct sync_task *task);
+// Cancel; always 0.
+int sync_task_delete();
+int sync_task_get_id();
+int sync_task_get_status();
+// sync_progress as an integer, 0 when missing or unreadable.
+int sync_task_get_progress();
+void sync_task_init(sync_task &task);
+void sync_task_reset(sync_task &task);
 
-/* Battery percentage, -1 when the gauge cannot be opened. */
-int get_battery_cap(void);
-/* Charging text into buf (at most 15 characters); 0, or -1 when unreadable. */
-int get_battery_status(char *buf, int size);
-/* 1 when the battery guard refuses a task (capacity <= 1, not "Charging"). */
-int sync_battery_low(void);
-/* 0 when path (relative to the share root) may be used in a sync task: no
- * ".." component and none of the characters $ ` " \ (DESIGN.md 8). */
-int sync_path_safe(const char *path);
+// Battery percentage, -1 when the gauge cannot be opened.
+int get_battery_cap();
+// The charging text (at most 15 characters), nullopt when unreadable.
+std::optional<std::string> get_battery_status();
 
-/* Part 7.2 */
-#define BACKUP_LOG_MAX 50
+namespace hx::sync {
 
+const char *error_text(Error error);
+// The answer to sync_task_new's result: NULL when the task started.
+const char *task_result(int result);
+// The guard of every new task: capacity 1 or less and not "Charging".
+bool battery_low();
+// MOUNT_TOP, else "/tmp/media/share": sync paths are relative to it.
+const char *share_root();
+// A relative sync path that stays in the share and that the shell takes
+// literally inside double quotes: no ".." component, none of $ ` " \.
+// A null path (the whole share) is safe.
+bool path_safe(const char *path);
+// The member key of object as a C string when it is a JSON string (the
+// text up to a NUL it may hold), else NULL.
+const char *member_text(json_object *object, const char *key);
+
+}  // namespace hx::sync
+
+// The backup log the copy script keeps on the first disk.
 struct backup_record {
-	long id;
-	int result;		/* index into backup_result_str */
-	int type;		/* index into backup_type_str */
-	char dest_dir[256];
-	long file_count;
-	char oldest_file[256];
-	long oldest_time;
-	char newest_file[256];
-	long newest_time;
+	long id = 0;
+	int result = 0;		// index into backup_result_str
+	int type = 1;		// index into backup_type_str
+	std::string dest_dir;
+	long file_count = 0;
+	std::string oldest_file;
+	long oldest_time = 0;
+	std::string newest_file;
+	long newest_time = 0;
 };
+
+inline constexpr size_t backup_log_max = 50;
 
 struct backup_log_list {
-	uint32_t count;
-	uint32_t latest_id;
-	struct backup_record records[BACKUP_LOG_MAX];
+	uint32_t count = 0;
+	uint32_t latest_id = 0;
+	std::array<backup_record, backup_log_max> records;	// a ring, in slot order
 };
 
-extern const char *const backup_result_str[2];
-extern const char *const backup_type_str[2];
+inline constexpr std::array<const char *, 2> backup_result_str = {"success", "failed"};
+inline constexpr std::array<const char *, 2> backup_type_str = {"auto", "manual"};
 
-/* Nominal card size in GB. */
+// Nominal card size in GB.
 unsigned int cap_calc(uint64_t bytes);
-/* The card's folder name into buf ("SD Card ..." or "SD Card"). */
-void _get_sd_folder_name(char *buf, int size);
-/* The UUID of one blkid output line into uuid ("0000-0000" when none). */
-void sd_uuid_from_blkid(const char *line, char *uuid, int size);
-/* Reads path into list (zero-filled by the caller); a missing file gives
- * an empty list.  0, or -1 when path is NULL. */
-int getLogListFromFile(struct backup_log_list *list, const char *path);
-void getRecordFromLine(struct backup_record *record, const char *line);
-void initRecord(struct backup_record *record);
-void recordDescription(const char *text, const struct backup_record *record);
-/* The owner folder name for an active_user value ("" when unknown). */
-const char *sd_owner_folder(const char *active_user);
+// "SD Card <size>GB <uuid>", or "SD Card" when the card or its size is unknown.
+std::string _get_sd_folder_name();
+// The records of the log at path; a missing file gives an empty list.
+backup_log_list getLogListFromFile(const char *path);
+void getRecordFromLine(backup_record &record, std::string_view line);
+void initRecord(backup_record &record);
+void recordDescription(const char *text, const backup_record &record);
 
-/* Handlers (Part 2.2 rows) */
-const char *_revalidate_createSyncTask(struct json_object *value, struct json_object *reply_arguments, void *deferred);
-const char *_revalidate_cancelSyncTask(struct json_object *value, struct json_object *reply_arguments, void *deferred);
-const char *_revalidate_syncSignal(struct json_object *value, struct json_object *reply_arguments, void *deferred);
-const char *_revalidate_sdCopy(struct json_object *value, struct json_object *reply_arguments, void *deferred);
-const char *_info_getSyncTaskList(struct json_object *name, struct json_object *infos, void *context);
-const char *_info_getSDCardStatus(struct json_object *name, struct json_object *infos, void *context);
-const char *_info_getSDCardBackupLogs(struct json_object *name, struct json_object *infos, void *context);
+namespace hx::sync {
+
+// The UUID of one blkid output line (at most 63 characters), "0000-0000"
+// when it has none.
+std::string uuid_from_blkid(std::string_view line);
+// The folder of the owner named by an active_user value ("" when unknown).
+std::string_view owner_folder(std::string_view active_user);
+
+}  // namespace hx::sync
+
+// Handlers
+const char *_revalidate_createSyncTask(json_object *value, json_object *reply_arguments, void *deferred);
+const char *_revalidate_cancelSyncTask(json_object *value, json_object *reply_arguments, void *deferred);
+const char *_revalidate_syncSignal(json_object *value, json_object *reply_arguments, void *deferred);
+const char *_revalidate_sdCopy(json_object *value, json_object *reply_arguments, void *deferred);
+const char *_info_getSyncTaskList(json_object *name, json_object *infos, void *context);
+const char *_info_getSDCardStatus(json_object *name, json_object *infos, void *context);
+const char *_info_getSDCardBackupLogs(json_object *name, json_object *infos, void *context);
 
 #endif

@@ -1,8 +1,9 @@
-/* Part 7.1: sync tasks. */
+// Sync tasks.  The request thread checks a new task's paths and starts a
+// detached worker that runs the copy script in the background and waits
+// for the script's "sync_signal" "stop"; the worker then reads the script's
+// result and frees the place for the next task.
 #include <errno.h>
 #include <pthread.h>
-#include <semaphore.h>
-#include <atomic>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -10,531 +11,436 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <event.h>
-#include <json-c/json.h>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <semaphore>
 
-#include "conf/confdb.h"
-#include "conf/confjson.h"
+#include "conf/store.h"
+#include "core/fmt.h"
 #include "core/util.h"
 #include "ipc/info_parse.h"
-#include "ipc/registry.h"
+#include "ipc/target.h"
 #include "sync/sync.h"
 
-#define SYNC_SCRIPT      "/etc/app/sync/gw_copy_prog.sh"
-#define SYNC_PATH_MAX    1024
-#define SYNC_CMD_SIZE    1024
-#define SYNC_STACK_SIZE  204800
-#define BATTERY_CAPACITY "/sys/class/power_supply/sp2566-0/capacity"
-#define BATTERY_STATUS   "/sys/class/power_supply/sp2566-0/status"
+using hx::sync::Status;
+namespace conf = hx::conf;
 
-const char *const sync_error_string[4] = {
-	"sync_internal_error", "sync_task_busy", "sync_low_battery_power", "sync_no_sdcard_found",
+sync_task g_synctask;
+
+// Held for a task's whole life: taken without waiting by the request
+// thread, released by the worker.  A semaphore, because a mutex may only
+// be unlocked by the thread that locked it.
+static std::binary_semaphore lock_sync{1};
+
+namespace {
+
+// The script's end: "stop" sets task_end and wakes the worker.
+struct SyncEnd {
+	std::mutex cond_lock;
+	std::condition_variable sync_end;
+	bool task_end = false;	// guarded by cond_lock
 };
 
-struct sync_task g_synctask = { -1, NULL, NULL, {0}, 0 };
+// Never destroyed: a worker may still wait when the daemon exits, and a
+// condition variable destroyed under a waiter blocks the exit.
+SyncEnd &ending = *new SyncEnd;
 
-/* lock_sync is held for a task's whole life: taken (try-lock) by the
- * request thread, released by the worker.  A semaphore, because POSIX
- * leaves a mutex unlocked by another thread than its owner undefined. */
-static sem_t lock_sync;
-static pthread_once_t lock_sync_once = PTHREAD_ONCE_INIT;
-static pthread_mutex_t cond_lock = PTHREAD_MUTEX_INITIALIZER;
-static pthread_cond_t sync_end = PTHREAD_COND_INITIALIZER;
-static int task_end;
-static std::atomic<int> buffers_released;
+constexpr const char *sync_script = "/etc/app/sync/gw_copy_prog.sh";
+constexpr size_t path_max = 1024;	// a path with its NUL, and the command
+constexpr size_t worker_stack = 204800;
+constexpr const char *battery_capacity = "/sys/class/power_supply/sp2566-0/capacity";
+constexpr const char *battery_status = "/sys/class/power_supply/sp2566-0/status";
 
-static void
-lock_sync_init(void)
+// lock_sync as the request thread takes it: given back when the task does
+// not start, kept when the worker takes it over.
+class TaskLock {
+public:
+	TaskLock() : held_(lock_sync.try_acquire()) {}
+	~TaskLock()
+	{
+		if (held_)
+			lock_sync.release();
+	}
+	TaskLock(const TaskLock &) = delete;
+	TaskLock &operator=(const TaskLock &) = delete;
+	explicit operator bool() const { return held_; }
+	void hand_over() { held_ = false; }
+
+private:
+	bool held_;
+};
+
+class ThreadAttr {
+public:
+	ThreadAttr() : ok_(pthread_attr_init(&attr_) == 0) {}
+	~ThreadAttr()
+	{
+		if (ok_)
+			pthread_attr_destroy(&attr_);
+	}
+	ThreadAttr(const ThreadAttr &) = delete;
+	ThreadAttr &operator=(const ThreadAttr &) = delete;
+	pthread_attr_t *get() { return ok_ ? &attr_ : nullptr; }
+
+private:
+	pthread_attr_t attr_;
+	bool ok_;
+};
+
+std::string path_of(const char *rel)
 {
-	sem_init(&lock_sync, 0, 1);
+	return hx::format("%s/%s", hx::sync::share_root(), rel != nullptr ? rel : "");
 }
 
-static const char *
-share_root(void)
+}  // namespace
+
+// The gauge's files are read as one line into a fixed buffer of Size
+// bytes, without its newline.
+template <int Size>
+static std::optional<std::string> read_line_file(const char *path)
+{
+	hx::FilePtr file = hx::open_file(path, "r");
+	if (!file) {
+		printf("hxsrvd: Sync DEBUG: %s (line %d) fopen %s error\n", __func__, __LINE__, path);
+		return std::nullopt;
+	}
+	std::array<char, Size> line{};
+	if (fgets(line.data(), Size, file.get()) == nullptr)
+		line[0] = '\0';
+	line[strcspn(line.data(), "\n")] = '\0';
+	return std::string(line.data());
+}
+
+int get_battery_cap()
+{
+	std::optional<std::string> line = read_line_file<8>(battery_capacity);
+	return line ? gw_atoi(line->c_str()) : -1;
+}
+
+std::optional<std::string> get_battery_status()
+{
+	return read_line_file<16>(battery_status);
+}
+
+namespace hx::sync {
+
+const char *error_text(Error error)
+{
+	return sync_error_string[static_cast<size_t>(error)];
+}
+
+const char *task_result(int result)
+{
+	if (result == -1)
+		return error_text(Error::internal);
+	return result == -2 ? error_text(Error::busy) : nullptr;
+}
+
+bool battery_low()
+{
+	if (get_battery_cap() > 1)
+		return false;
+	std::optional<std::string> status = get_battery_status();
+	return !status || *status != "Charging";
+}
+
+const char *share_root()
 {
 	const char *top = getenv("MOUNT_TOP");
-
-	return top != NULL ? top : "/tmp/media/share";
+	return top != nullptr ? top : "/tmp/media/share";
 }
 
-static const char *
-buffer_text(struct evbuffer *buf)
+bool path_safe(const char *path)
 {
-	return (const char *)evbuffer_pullup(buf, -1);
-}
-
-/* Reads one line of at most size - 1 characters without its newline. */
-static int
-read_line_file(const char *path, char *buf, int size)
-{
-	FILE *fp = fopen(path, "r");
-
-	if (fp == NULL) {
-		printf("hxsrvd: Sync DEBUG: %s (line %d) fopen %s error\n", __func__, __LINE__, path);
-		return -1;
+	if (path == nullptr)
+		return true;
+	std::string_view rest(path);
+	if (rest.find_first_of("$`\"\\") != std::string_view::npos)
+		return false;
+	for (;;) {
+		size_t end = rest.find('/');
+		if (rest.substr(0, end) == "..")
+			return false;
+		if (end == std::string_view::npos)
+			return true;
+		rest.remove_prefix(end + 1);
 	}
-	if (fgets(buf, size, fp) == NULL)
-		buf[0] = '\0';
-	fclose(fp);
-	buf[strcspn(buf, "\n")] = '\0';
-	return 0;
 }
 
-int
-get_battery_cap(void)
+const char *member_text(json_object *object, const char *key)
 {
-	char buf[8];
-
-	if (read_line_file(BATTERY_CAPACITY, buf, sizeof(buf)) != 0)
-		return -1;
-	return gw_atoi(buf);
+	json_object *member = json::member(object, key);
+	return json::is(member, json_type_string) ? json::text(member) : nullptr;
 }
 
-int
-get_battery_status(char *buf, int size)
+}  // namespace hx::sync
+
+void sync_task_init(sync_task &task)
 {
-	return read_line_file(BATTERY_STATUS, buf, size < 16 ? size : 16);
-}
-
-int
-sync_battery_low(void)
-{
-	char status[16];
-
-	if (get_battery_cap() > 1)
-		return 0;
-	return get_battery_status(status, sizeof(status)) != 0 || strcmp(status, "Charging") != 0;
-}
-
-int
-sync_path_safe(const char *path)
-{
-	const char *p = path;
-	size_t len;
-
-	if (path == NULL)
-		return 0;
-	if (strpbrk(path, "$`\"\\") != NULL)
-		return -1;
-	while (*p != '\0') {
-		len = strcspn(p, "/");
-		if (len == 2 && p[0] == '.' && p[1] == '.')
-			return -1;
-		p += len;
-		p += *p == '/';
-	}
-	return 0;
-}
-
-void
-sync_task_init(struct sync_task *task)
-{
-	static int seeded;
-
+	static bool seeded = false;
 	if (!seeded) {
-		srand((unsigned int)time(NULL));
-		seeded = 1;
+		srand(static_cast<unsigned int>(time(nullptr)));
+		seeded = true;
 	}
-	/* Buffers that the once-only release left behind are freed here. */
-	if (task->src != NULL)
-		evbuffer_free(task->src);
-	if (task->dst != NULL)
-		evbuffer_free(task->dst);
-	task->id = rand();
-	task->src = evbuffer_new();
-	task->dst = evbuffer_new();
-	task->status.store(SYNC_CREATED);
-	task->reserved = 0;
+	task.id = rand();
+	task.src.clear();
+	task.dst.clear();
+	task.status.store(Status::created);
+	task.reserved = 0;
 }
 
-void
-sync_task_reset(struct sync_task *task)
+// Only the first release ever frees the paths; later ones do nothing, so a
+// cancel and the worker never both touch them.
+void sync_task_reset(sync_task &task)
 {
-	if (buffers_released.exchange(1) != 0)
+	static std::atomic<bool> released{false};
+	if (released.exchange(true))
 		return;
-	evbuffer_free(task->src);
-	evbuffer_free(task->dst);
-	task->src = NULL;
-	task->dst = NULL;
+	std::string().swap(task.src);
+	std::string().swap(task.dst);
 }
 
-/* share root + "/" + rel (when given) + NUL into a new buffer. */
-static struct evbuffer *
-sync_path_build(const char *rel)
+static void sync_result_apply()
 {
-	struct evbuffer *buf = evbuffer_new();
-
-	if (buf == NULL)
-		return NULL;
-	if (evbuffer_add_printf(buf, "%s/%s", share_root(), rel != NULL ? rel : "") < 0 ||
-	    evbuffer_add(buf, "", 1) != 0) {
-		evbuffer_free(buf);
-		return NULL;
-	}
-	return buf;
-}
-
-static int
-sync_dst_check(const char *dst)
-{
-	struct stat st;
-
-	if (stat(dst, &st) != 0 && mkdirs(dst, 0777) != 0) {
-		printf("hxsrvd: Sync ERROR: %s (line %d) mkdir for dst error: %s\n",
-		       __func__, __LINE__, strerror(errno));
-		return -1;
-	}
-	if (stat(dst, &st) != 0 || (!S_ISDIR(st.st_mode) && strlen(dst) + 1 <= SYNC_PATH_MAX)) {
-		printf("hxsrvd: Sync ERROR: %s (line %d) Check destination path(%s) failed\n",
-		       __func__, __LINE__, dst);
-		return -1;
-	}
-	return 0;
-}
-
-/* 0, 1 when the source is a directory, -1 when it fails the check. */
-static int
-sync_src_check(const char *src)
-{
-	struct stat st;
-
-	if (stat(src, &st) != 0 || strlen(src) + 1 > SYNC_PATH_MAX) {
-		printf("hxsrvd: Sync ERROR: %s (line %d) Check source path(%s) failed\n",
-		       __func__, __LINE__, src);
-		return -1;
-	}
-	return S_ISDIR(st.st_mode);
-}
-
-struct sync_job {
-	char command[SYNC_CMD_SIZE];
-};
-
-static void
-sync_result_apply(void)
-{
-	struct evbuffer *buf = evbuffer_new();
-	struct json_object *value;
-	int result, expected = SYNC_RUNNING;
-
-	if (buf == NULL || rtConfGet("sync_result", buf) != 0) {
-		printf("hxsrvd: Sync DEBUG: %s (line %d) rtConfGet error for sync_result\n",
+	tl::expected<hx::json::Ptr, conf::Error> value = conf::json(conf::Store::rtconf, "sync_result");
+	if (!value) {
+		printf(value.error() == conf::Error::missing
+			       ? "hxsrvd: Sync DEBUG: %s (line %d) rtConfGet error for sync_result\n"
+			       : "hxsrvd: Sync DEBUG: %s (line %d) token parse error for sync_result\n",
 		       __func__, __LINE__);
-	} else if ((value = json_tokener_parse(buffer_text(buf))) == NULL) {
-		printf("hxsrvd: Sync DEBUG: %s (line %d) token parse error for sync_result\n",
-		       __func__, __LINE__);
-	} else {
-		result = gw_atoi(json_object_get_string(value));
-		json_object_put(value);
-		printf("hxsrvd: Sync DEBUG: %s (line %d) sync_result = %d\n", __func__, __LINE__, result);
-		if (result == 1) {
-			g_synctask.status.store(SYNC_DONE_1);
-		} else if (result == 0) {
-			g_synctask.status.store(SYNC_DONE);
-		} else if (result == -1) {
-			/* below 3 is 1 or 2: the only states a running worker can see */
-			if (!g_synctask.status.compare_exchange_strong(expected, SYNC_DONE)) {
-				expected = SYNC_CREATED;
-				g_synctask.status.compare_exchange_strong(expected, SYNC_DONE);
-			}
-		}
+		return;
 	}
-	if (buf != NULL)
-		evbuffer_free(buf);
+	int result = gw_atoi(hx::json::text(value->get()));
+	printf("hxsrvd: Sync DEBUG: %s (line %d) sync_result = %d\n", __func__, __LINE__, result);
+	if (result == 1) {
+		g_synctask.status.store(Status::done_failed);
+	} else if (result == 0) {
+		g_synctask.status.store(Status::done);
+	} else if (result == -1) {
+		// only from created or running: a cancel meanwhile makes the
+		// exchange fail, and a cancelled task stays cancelled
+		Status now = g_synctask.status.load();
+		if (now < Status::done)
+			g_synctask.status.compare_exchange_strong(now, Status::done);
+	}
 }
 
-static void *
-thread_dosync(void *arg)
+static void wait_for_end()
 {
-	struct sync_job *job = static_cast<struct sync_job *>(arg);
-	int created = SYNC_CREATED;
-
-	printf("hxsrvd: Sync DEBUG: %s (line %d) sync command: %s\n", __func__, __LINE__, job->command);
-	confSetf(CONF_RTCONF, "sync_result", "-1");
-	confSetf(CONF_RTCONF, "sync_progress", "0");
-	/* a task cancelled before this point stays cancelled */
-	g_synctask.status.compare_exchange_strong(created, SYNC_RUNNING);
-	if (system(job->command) == -1)
-		printf("hxsrvd: Sync DEBUG: %s (line %d) system error\n", __func__, __LINE__);
-	pthread_mutex_lock(&cond_lock);
-	while (task_end == 0)
-		pthread_cond_wait(&sync_end, &cond_lock);
-	task_end = 0;
-	pthread_mutex_unlock(&cond_lock);
-	sync_result_apply();
-	sync_task_reset(&g_synctask);
-	free(job);
-	sem_post(&lock_sync);
-	return NULL;
+	std::unique_lock lock(ending.cond_lock);
+	ending.sync_end.wait(lock, [] { return ending.task_end; });
+	ending.task_end = false;
 }
 
-static int
-sync_thread_start(struct sync_job *job)
+static void *thread_dosync(void *arg)
 {
-	pthread_attr_t attr;
+	std::unique_ptr<std::string> command(static_cast<std::string *>(arg));
+	try {
+		printf("hxsrvd: Sync DEBUG: %s (line %d) sync command: %s\n", __func__, __LINE__,
+		       command->c_str());
+		conf::set(conf::Store::rtconf, "sync_result", "-1");
+		conf::set(conf::Store::rtconf, "sync_progress", "0");
+		// a task cancelled before this point stays cancelled
+		Status created = Status::created;
+		g_synctask.status.compare_exchange_strong(created, Status::running);
+		if (system(command->c_str()) == -1)
+			printf("hxsrvd: Sync DEBUG: %s (line %d) system error\n", __func__, __LINE__);
+		wait_for_end();
+		sync_result_apply();
+	} catch (const std::bad_alloc &) {
+		printf("hxsrvd: Sync ERROR: %s (line %d) out of memory\n", __func__, __LINE__);
+	}
+	sync_task_reset(g_synctask);
+	lock_sync.release();
+	return nullptr;
+}
+
+// The worker gets its command whole, so it never reads the record, which a
+// cancel may release while it starts.
+static bool start_worker(std::unique_ptr<std::string> command)
+{
+	ThreadAttr attr;
 	pthread_t thread;
-	int rc;
-
-	if (pthread_attr_init(&attr) != 0)
-		return -1;
-	pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-	pthread_attr_setstacksize(&attr, SYNC_STACK_SIZE);
-	rc = pthread_create(&thread, &attr, thread_dosync, job);
-	pthread_attr_destroy(&attr);
-	return rc == 0 ? 0 : -1;
+	if (attr.get() == nullptr ||
+	    pthread_attr_setdetachstate(attr.get(), PTHREAD_CREATE_DETACHED) != 0 ||
+	    pthread_attr_setstacksize(attr.get(), worker_stack) != 0 ||
+	    pthread_create(&thread, attr.get(), thread_dosync, command.get()) != 0)
+		return false;
+	(void)command.release();	// the worker's own now
+	return true;
 }
 
-/* The worker gets its command built here, so it never reads the record's
- * buffers, which a cancel may release while it starts. */
-static struct sync_job *
-sync_job_new(int type, const char *src, const char *dst)
+static bool sync_dst_check(const std::string &dst)
 {
-	struct sync_job *job = (struct sync_job *)calloc(1, sizeof(*job));
-	int len;
-
-	if (job == NULL)
-		return NULL;
-	len = snprintf(job->command, sizeof(job->command), "\"%s\" %d \"%s\" \"%s\" &",
-		       SYNC_SCRIPT, type, src, dst);
-	if (len < 0 || (size_t)len >= sizeof(job->command)) {
-		free(job);
-		return NULL;
+	struct stat st;
+	if (stat(dst.c_str(), &st) != 0 && mkdirs(dst.c_str(), 0777) != 0) {
+		printf("hxsrvd: Sync ERROR: %s (line %d) mkdir for dst error: %s\n", __func__, __LINE__,
+		       strerror(errno));
+		return false;
 	}
-	return job;
-}
-
-static int
-sync_task_prepare(int type, const char *src, const char *dst)
-{
-	struct evbuffer *sbuf = NULL, *dbuf = NULL;
-	struct sync_job *job = NULL;
-	int isdir;
-
-	if (sync_path_safe(src) != 0 || sync_path_safe(dst) != 0)
-		goto fail;
-	sbuf = sync_path_build(src);
-	dbuf = sync_path_build(dst);
-	if (sbuf == NULL || dbuf == NULL)
-		goto fail;
-	printf("hxsrvd: Sync DEBUG: %s (line %d) new task src:%s, dst:%s\n",
-	       __func__, __LINE__, buffer_text(sbuf), buffer_text(dbuf));
-	if (sync_dst_check(buffer_text(dbuf)) != 0 || (isdir = sync_src_check(buffer_text(sbuf))) < 0)
-		goto fail;
-	job = sync_job_new(type, buffer_text(sbuf), buffer_text(dbuf));
-	if (job == NULL)
-		goto fail;
-	if (isdir && src != NULL && src[0] != '\0' && src[strlen(src) - 1] != '/')
-		evbuffer_add(sbuf, "/", 1);
-	sync_task_init(&g_synctask);
-	evbuffer_add_buffer(g_synctask.src, sbuf);
-	evbuffer_add_buffer(g_synctask.dst, dbuf);
-	evbuffer_free(sbuf);
-	evbuffer_free(dbuf);
-	printf("hxsrvd: Sync DEBUG: %s (line %d) New sync task created(id %d)\n",
-	       __func__, __LINE__, g_synctask.id);
-	if (sync_thread_start(job) != 0) {
-		free(job);
-		return -1;
+	// a non-directory with a longer path passes, as it always has
+	if (stat(dst.c_str(), &st) != 0 || (!S_ISDIR(st.st_mode) && dst.size() + 1 <= path_max)) {
+		printf("hxsrvd: Sync ERROR: %s (line %d) Check destination path(%s) failed\n", __func__,
+		       __LINE__, dst.c_str());
+		return false;
 	}
-	return 0;
-fail:
-	if (sbuf != NULL)
-		evbuffer_free(sbuf);
-	if (dbuf != NULL)
-		evbuffer_free(dbuf);
-	return -1;
+	return true;
 }
 
-int
-sync_task_new(int type, const char *src, const char *dst)
+static bool sync_src_check(const std::string &src)
 {
-	if (dst == NULL) {
+	struct stat st;
+	if (stat(src.c_str(), &st) != 0 || src.size() + 1 > path_max) {
+		printf("hxsrvd: Sync ERROR: %s (line %d) Check source path(%s) failed\n", __func__,
+		       __LINE__, src.c_str());
+		return false;
+	}
+	return true;
+}
+
+static bool sync_task_prepare(int type, const char *src, const char *dst)
+{
+	if (!hx::sync::path_safe(src) || !hx::sync::path_safe(dst))
+		return false;
+	std::string source = path_of(src), destination = path_of(dst);
+	printf("hxsrvd: Sync DEBUG: %s (line %d) new task src:%s, dst:%s\n", __func__, __LINE__,
+	       source.c_str(), destination.c_str());
+	if (!sync_dst_check(destination) || !sync_src_check(source))
+		return false;
+	auto command = std::make_unique<std::string>(hx::format(
+		"\"%s\" %d \"%s\" \"%s\" &", sync_script, type, source.c_str(), destination.c_str()));
+	if (command->size() >= path_max)
+		return false;
+	sync_task_init(g_synctask);
+	g_synctask.src = std::move(source);
+	g_synctask.dst = std::move(destination);
+	printf("hxsrvd: Sync DEBUG: %s (line %d) New sync task created(id %d)\n", __func__, __LINE__,
+	       g_synctask.id);
+	return start_worker(std::move(command));
+}
+
+int sync_task_new(int type, const char *src, const char *dst)
+{
+	if (dst == nullptr) {
 		printf("hxsrvd: Sync DEBUG: %s (line %d) dst is NULL\n", __func__, __LINE__);
 		return -1;
 	}
-	pthread_once(&lock_sync_once, lock_sync_init);
-	if (sem_trywait(&lock_sync) != 0) {
-		printf("hxsrvd: Sync DEBUG: %s (line %d) Busy, another sync task is running.\n",
-		       __func__, __LINE__);
+	TaskLock lock;
+	if (!lock) {
+		printf("hxsrvd: Sync DEBUG: %s (line %d) Busy, another sync task is running.\n", __func__,
+		       __LINE__);
 		return -2;
 	}
-	if (sync_task_prepare(type, src, dst) != 0) {
-		sem_post(&lock_sync);
+	if (!sync_task_prepare(type, src, dst))
 		return -1;
-	}
+	lock.hand_over();
 	return 0;
 }
 
-int
-start_sync(const char *dst)
+int start_sync(const char *dst)
 {
-	return sync_task_new(1, NULL, dst);
+	return sync_task_new(1, nullptr, dst);
 }
 
-int
-sync_task_delete(void)
+int sync_task_delete()
 {
-	static const char *const pidfiles[] = {
-		"/var/run/gw_copy_prog.sh.pid", "/var/run/gw_copy.sh.pid",
-	};
-	char cmd[128];
-	int status = g_synctask.status.load();
-	size_t i;
-
-	if (status != SYNC_CREATED && status != SYNC_RUNNING)
+	Status status = g_synctask.status.load();
+	if (status != Status::created && status != Status::running)
 		return 0;
-	for (i = 0; i < sizeof(pidfiles) / sizeof(pidfiles[0]); i++) {
-		if (access(pidfiles[i], F_OK) != 0)
-			continue;
-		gwutil_snprintf(cmd, sizeof(cmd), "kill `cat %s` > /dev/null 2>&1", pidfiles[i]);
-		do_system(cmd);
+	for (const char *pidfile : {"/var/run/gw_copy_prog.sh.pid", "/var/run/gw_copy.sh.pid"}) {
+		if (access(pidfile, F_OK) == 0)
+			do_system(hx::format("kill `cat %s` > /dev/null 2>&1", pidfile).c_str());
 	}
 	do_system("/usr/bin/killall -9 mcp > /dev/null 2>&1");
 	do_system("/usr/bin/killall -9 find > /dev/null 2>&1");
-	sync_task_reset(&g_synctask);
-	g_synctask.status.store(SYNC_CANCELLED);
+	sync_task_reset(g_synctask);
+	g_synctask.status.store(Status::cancelled);
 	return 0;
 }
 
-int
-sync_task_get_id(void)
+int sync_task_get_id()
 {
 	return g_synctask.id;
 }
 
-int
-sync_task_get_status(void)
+int sync_task_get_status()
 {
-	return g_synctask.status.load();
+	return static_cast<int>(g_synctask.status.load());
 }
 
-int
-sync_task_get_progress(void)
+int sync_task_get_progress()
 {
-	struct json_object *value;
-	int progress;
-
-	if (confGetJson(CONF_RTCONF, "sync_progress", &value) != 0)
-		return 0;
-	progress = gw_atoi(json_object_get_string(value));
-	json_object_put(value);
-	return progress;
+	tl::expected<std::string, conf::Error> progress = conf::text(conf::Store::rtconf, "sync_progress");
+	return progress ? gw_atoi(progress->c_str()) : 0;
 }
 
-static const char *
-member_text(struct json_object *value, const char *key)
+const char *_revalidate_createSyncTask(json_object *value, json_object *, void *)
 {
-	struct json_object *member;
-
-	if (!json_object_object_get_ex(value, key, &member) ||
-	    !json_object_is_type(member, json_type_string))
-		return NULL;
-	return json_object_get_string(member);
-}
-
-const char *
-_revalidate_createSyncTask(struct json_object *value, struct json_object *reply_arguments,
-			   void *deferred)
-{
-	const char *src, *dst;
-
-	(void)reply_arguments;
-	(void)deferred;
-	if (value == NULL) {
+	if (value == nullptr) {
 		puts("Input parameter is NULL.");
 		return "invalid arguments";
 	}
-	if (!json_object_is_type(value, json_type_object)) {
+	if (!hx::json::is(value, json_type_object)) {
 		puts("Unexpected json type of input parameters.");
 		return "invalid arguments";
 	}
-	if (sync_battery_low())
-		return sync_error_string[SYNC_ERR_LOW_BATTERY];
-	src = member_text(value, "src");
-	dst = member_text(value, "dst");
-	if (src == NULL || src[0] == '\0' || dst == NULL || dst[0] == '\0')
+	if (hx::sync::battery_low())
+		return hx::sync::error_text(hx::sync::Error::low_battery);
+	const char *src = hx::sync::member_text(value, "src");
+	const char *dst = hx::sync::member_text(value, "dst");
+	if (src == nullptr || src[0] == '\0' || dst == nullptr || dst[0] == '\0')
 		return "invalid arguments";
-	switch (sync_task_new(0, src, dst)) {
-	case -1:
-		return sync_error_string[SYNC_ERR_INTERNAL];
-	case -2:
-		return sync_error_string[SYNC_ERR_BUSY];
-	default:
-		return NULL;
-	}
+	return hx::sync::task_result(sync_task_new(0, src, dst));
 }
 
-const char *
-_revalidate_cancelSyncTask(struct json_object *value, struct json_object *reply_arguments,
-			   void *deferred)
+const char *_revalidate_cancelSyncTask(json_object *value, json_object *, void *)
 {
-	(void)reply_arguments;
-	(void)deferred;
-	if (value == NULL) {
+	if (value == nullptr) {
 		puts("Input parameter is NULL.");
 		return "invalid arguments";
 	}
 	sync_task_delete();
-	return NULL;
+	return nullptr;
 }
 
-const char *
-_revalidate_syncSignal(struct json_object *value, struct json_object *reply_arguments,
-		       void *deferred)
-{
-	struct json_object *action;
-	const char *error = ipc_target_check(value, "invalid arguments");
+namespace {
 
-	(void)reply_arguments;
-	(void)deferred;
-	if (error != NULL)
-		return error;
-	if (!json_object_object_get_ex(value, "action", &action))
+const char *wake_worker(json_object *)
+{
+	std::lock_guard lock(ending.cond_lock);
+	ending.task_end = true;
+	ending.sync_end.notify_one();
+	return nullptr;
+}
+
+constexpr hx::ipc::Action signal_actions[] = {{"stop", wake_worker}};
+
+}  // namespace
+
+// An object without "action" is invalid; any other action than "stop",
+// a non-string one included, fails.
+const char *_revalidate_syncSignal(json_object *value, json_object *, void *)
+{
+	if (hx::json::is(value, json_type_object) &&
+	    !json_object_object_get_ex(value, "action", nullptr))
 		return "invalid arguments";
-	if (!json_object_is_type(action, json_type_string) ||
-	    strcmp(json_object_get_string(action), "stop") != 0)
-		return "internal error";
-	pthread_mutex_lock(&cond_lock);
-	task_end = 1;
-	pthread_cond_signal(&sync_end);
-	pthread_mutex_unlock(&cond_lock);
-	return NULL;
+	return hx::ipc::run_target(value, {signal_actions, "invalid arguments", "internal error"});
 }
 
-static struct json_object *
-sync_task_object(void)
+// s_synctasklist and backup_stat
+const char *_info_getSyncTaskList(json_object *name, json_object *infos, void *)
 {
-	struct json_object *task = json_object_new_object();
-	char text[16];
-
-	if (task == NULL)
-		return NULL;
-	gwutil_snprintf(text, sizeof(text), "%d", sync_task_get_id());
-	info_set_string(task, "id", text);
-	gwutil_snprintf(text, sizeof(text), "%d", sync_task_get_progress());
-	info_set_string(task, "prog", text);
-	gwutil_snprintf(text, sizeof(text), "%d", sync_task_get_status());
-	info_set_string(task, "status", text);
-	return task;
-}
-
-/* s_synctasklist and backup_stat */
-const char *
-_info_getSyncTaskList(struct json_object *name, struct json_object *infos, void *context)
-{
-	struct json_object *list, *task;
-
-	(void)context;
 	if (info_args_missing(name, infos))
 		return "invalid arguments";
-	list = json_object_new_array();
-	task = sync_task_object();
-	if (list == NULL || task == NULL) {
-		json_object_put(list);
-		json_object_put(task);
+	hx::json::Ptr list(json_object_new_array()), task(json_object_new_object());
+	if (!list || !task)
 		return "internal error";
-	}
-	json_object_array_add(list, task);
-	json_object_object_add(infos, json_object_get_string(name), list);
-	return NULL;
+	hx::json::add_string(task.get(), "id", hx::format("%d", sync_task_get_id()));
+	hx::json::add_string(task.get(), "prog", hx::format("%d", sync_task_get_progress()));
+	hx::json::add_string(task.get(), "status", hx::format("%d", sync_task_get_status()));
+	json_object_array_add(list.get(), task.release());
+	hx::json::add(infos, hx::json::text(name), std::move(list));
+	return nullptr;
 }

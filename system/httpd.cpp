@@ -1,23 +1,28 @@
-/* Part 9.1: web server configuration (mini_httpd). */
+// The web server's configuration file, with the optional login of the web
+// interface, and the server's start, stop and restart.
 #include <crypt.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <time.h>
 
-#include <json-c/json.h>
+#include <optional>
+#include <string>
 
-#include "conf/confjson.h"
+#include "conf/store.h"
+#include "core/fmt.h"
 #include "core/util.h"
-#include "ipc/registry.h"
+#include "ipc/target.h"
 #include "system/system.h"
 
-#define HTTPD_CONF  "/etc/mini_httpd.conf"
-#define HTTPD_START "mini_httpd -C " HTTPD_CONF " >/dev/null 2>&1"
-#define HTTPD_SALT  "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
-#define HTTPD_HASH  64
+namespace {
 
-static const char httpd_fixed[] =
+namespace conf = hx::conf;
+
+constexpr const char *httpd_conf = "/etc/mini_httpd.conf";
+constexpr const char *httpd_command = "mini_httpd -C /etc/mini_httpd.conf >/dev/null 2>&1";
+constexpr const char *salt_alphabet =
+	"./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+constexpr const char *fixed_lines =
 	"dir=/opt/web\n"
 	"nochroot\n"
 	"port=80\n"
@@ -26,185 +31,110 @@ static const char httpd_fixed[] =
 	"user=root\n"
 	"cgipat=**.cgi\n";
 
-/* The login of steps 1 and 2: name and password are the string forms of
- * the stored JSON values (a non-string value counts as its JSON text);
- * name NULL means no login. */
-struct httpd_login {
-	struct json_object *name_value;
-	struct json_object *passwd_value;
-	const char *name;
-	const char *passwd;
-	char hash[HTTPD_HASH];
-};
-
-static const char *
-httpd_text(struct json_object *value)
+// The DES-based hash of passwd with a salt from one random() value seeded
+// with the time in seconds; nullopt when crypt fails.
+std::optional<std::string> hash(const std::string &passwd)
 {
-	const char *text = json_object_get_string(value);
-
-	return text != NULL ? text : "";
+	srandom(static_cast<unsigned int>(time(nullptr)));
+	long v = random();
+	const char salt[] = {salt_alphabet[v & 63], salt_alphabet[(v >> 6) & 63], '\0'};
+	const char *hashed = crypt(passwd.c_str(), salt);
+	if (hashed == nullptr || hashed[0] == '*')
+		return std::nullopt;
+	return hashed;
 }
 
-/* Steps 1 and 2: 1 with a login, 0 without, -1 when a stored text does not
- * parse as JSON. */
-static int
-httpd_login_read(struct httpd_login *login)
+// A login key that is missing means no login (""); one that does not
+// parse refuses the login.
+std::optional<std::string> without_login(conf::Error error)
 {
-	int ret = confGetJson(CONF_SYSCONF, "httpd_auth_name", &login->name_value);
-
-	if (ret == CONF_BAD_JSON)
-		return -1;
-	if (ret != 0 || httpd_text(login->name_value)[0] == '\0')
-		return 0;
-	ret = confGetJson(CONF_SYSCONF, "httpd_auth_passwd", &login->passwd_value);
-	if (ret == CONF_BAD_JSON)
-		return -1;
-	if (ret != 0)
-		return 0;
-	login->name = httpd_text(login->name_value);
-	login->passwd = httpd_text(login->passwd_value);
-	return 1;
+	if (error == conf::Error::bad_json)
+		return std::nullopt;
+	return "";
 }
 
-/* Safety (DESIGN.md section 8): a newline in the name would add a line to
- * the file and a ':' would split the passport entry.  The password is only
- * written hashed, so any text is safe there. */
-static int
-httpd_name_safe(const char *name)
+// The file's login line ("" without a login), or nullopt when the stored
+// login is refused and neither the file nor the server may be touched.  A
+// stored name or password that is JSON but no string counts as its text.
+std::optional<std::string> passport()
 {
-	return strpbrk(name, "\n:") == NULL;
-}
-
-/* Step 4: the salt from one random() value seeded with the time in seconds,
- * then the DES-based hash: 0, or -1 when crypt fails. */
-static int
-httpd_hash(const char *passwd, char *hash, size_t size)
-{
-	char salt[3];
-	const char *result;
-	long v;
-	int i;
-
-	srandom((unsigned int)time(NULL));
-	v = random();
-	for (i = 0; i < 2; i++) {
-		salt[i] = HTTPD_SALT[v & 63];
-		v >>= 6;
-	}
-	salt[2] = '\0';
-	result = crypt(passwd, salt);
-	if (result == NULL || result[0] == '*' || strlcpy(hash, result, size) >= size)
-		return -1;
-	return 0;
-}
-
-/* Step 3 and the passport line of step 4 (name NULL: no login): 0 or -1. */
-static int
-httpd_write(const char *name, const char *hash)
-{
-	FILE *f = fopen(HTTPD_CONF, "w");
-	int ok;
-
-	if (f == NULL)
-		return -1;
-	flockfile(f);
-	ok = fputs(httpd_fixed, f) >= 0 &&
-	     (name == NULL || fprintf(f, "passport=%s:%s\n", name, hash) >= 0);
-	funlockfile(f);
-	if (fclose(f) != 0)
-		ok = 0;
-	return ok ? 0 : -1;
-}
-
-/* Steps 1, 2 and the hash of step 4: 0, or -1 when nothing may be written
- * or started.  The hash is made before the file is opened so that a
- * failing crypt leaves the old file and server alone rather than starting
- * the server without its login. */
-static int
-httpd_prepare(struct httpd_login *login)
-{
-	int ret = httpd_login_read(login);
-
-	if (ret <= 0)
-		return ret;
-	if (!httpd_name_safe(login->name)) {
+	auto name = conf::text(conf::Store::sysconf, "httpd_auth_name");
+	if (!name)
+		return without_login(name.error());
+	if (name->empty())
+		return "";
+	auto passwd = conf::text(conf::Store::sysconf, "httpd_auth_passwd");
+	if (!passwd)
+		return without_login(passwd.error());
+	// a newline would add a line to the file, a ':' split the entry; the
+	// password is only written hashed
+	if (name->find_first_of("\n:") != std::string::npos) {
 		puts("httpd: login name holds a newline or ':', configuration unchanged");
-		return -1;
+		return std::nullopt;
 	}
-	if (httpd_hash(login->passwd, login->hash, sizeof(login->hash)) != 0) {
+	std::optional<std::string> hashed = hash(*passwd);
+	if (!hashed) {
 		puts("httpd: crypt failed, configuration unchanged");
-		return -1;
+		return std::nullopt;
 	}
-	return 0;
+	return hx::format("passport=%s:%s\n", name->c_str(), hashed->c_str());
 }
 
-/* Steps 3 to 5: the shell status of the start, or -1 when the file could
- * not be written. */
-static int
-httpd_run(const struct httpd_login *login)
+bool write_conf(const std::string &login)
 {
-	if (httpd_write(login->name, login->hash) != 0)
-		return -1;
-	return do_system(HTTPD_START);
+	hx::FilePtr file = hx::open_file(httpd_conf, "w");
+	if (!file)
+		return false;
+	bool ok;
+	{
+		flockfile(file.get());
+		hx::Owned<FILE, funlockfile> unlock(file.get());	// the stream's lock while writing
+		ok = fputs(fixed_lines, file.get()) >= 0 && fputs(login.c_str(), file.get()) >= 0;
+	}
+	return hx::close_file(std::move(file)) && ok;
 }
 
-static void
-httpd_release(struct httpd_login *login)
+// The shell status of the start, or -1 when the file could not be written.
+int run(const std::string &login)
 {
-	json_object_put(login->name_value);
-	json_object_put(login->passwd_value);
+	return write_conf(login) ? do_system(httpd_command) : -1;
 }
 
-int
-httpd_start(void)
+}  // namespace
+
+int httpd_start()
 {
-	struct httpd_login login = {};
-	int ret = httpd_prepare(&login);
-
-	if (ret == 0)
-		ret = httpd_run(&login);
-	httpd_release(&login);
-	return ret;
+	std::optional<std::string> login = passport();
+	return login ? run(*login) : -1;
 }
 
-int
-httpd_stop(void)
+int httpd_stop()
 {
 	return do_system("killall mini_httpd");
 }
 
-/* The login is checked before the stop: a stored text that is refused
- * leaves the running server untouched (Part 9.1, Failure handling). */
-int
-httpd_restart(void)
+// The login is read before the stop, so a refused one leaves the running
+// server alone.
+int httpd_restart()
 {
-	struct httpd_login login = {};
-	int ret = httpd_prepare(&login);
-
-	if (ret == 0) {
-		httpd_stop();
-		ret = httpd_run(&login);
-	}
-	httpd_release(&login);
-	return ret;
+	std::optional<std::string> login = passport();
+	if (!login)
+		return -1;
+	httpd_stop();
+	return run(*login);
 }
 
-const char *
-_revalidate_httpd(struct json_object *value, struct json_object *reply_arguments, void *deferred)
-{
-	const char *action, *error;
+namespace {
 
-	(void)reply_arguments;
-	(void)deferred;
-	error = ipc_target_check(value, "invalid arguments");
-	if (error != NULL)
-		return error;
-	action = ipc_target_action(value);
-	if (action == NULL)
-		return NULL;
-	if (strcmp(action, "start") == 0 || strcmp(action, "restart") == 0)
-		httpd_restart();
-	else if (strcmp(action, "stop") == 0)
-		httpd_stop();
-	return NULL;
+constexpr hx::ipc::Action httpd_actions[] = {
+	{"start", hx::ipc::run<httpd_restart>},
+	{"restart", hx::ipc::run<httpd_restart>},
+	{"stop", hx::ipc::run<httpd_stop>},
+};
+
+}  // namespace
+
+const char *_revalidate_httpd(json_object *value, json_object *, void *)
+{
+	return hx::ipc::run_target(value, {httpd_actions});
 }

@@ -1,199 +1,133 @@
-/* Media and device wrappers: the revalidate targets "webdav", "samba",
- * "dlna", "fm" and "usbcharger" (rows "-" of Part 2.2).  Each runs device
- * scripts in the common shape of a target handler; the scripts' results
- * are ignored. */
+// The media and device services: start/stop wrappers around the device's
+// scripts for "webdav", "samba", "dlna", "fm" and "usbcharger".  The
+// scripts' results are not judged.
 #include <ctype.h>
 #include <stdio.h>
-#include <string.h>
 
-#include <json-c/json.h>
+#include <string>
 
-#include "conf/confjson.h"
+#include "conf/store.h"
+#include "core/fmt.h"
 #include "core/util.h"
-#include "ipc/registry.h"
-#include "net/net.h"
+#include "ipc/target.h"
+#include "net/lanwan.h"
 #include "system/system.h"
 
-#define INVALID_ARGS    "invalid arguments"
-#define MINIDLNA_STOP   "/etc/demo/minidlna_stop.sh"
-#define FM_SCRIPT       "/etc/app/gw_fm.sh"
-#define USB_CHARGER     "/etc/app/gw_usbcharger.sh"
-#define FM_FREQ_KEY     "fm_freq"
-/* "/etc/app/gw_fm.sh set_freq " plus at most "108.0" */
-#define FM_CMD_SIZE     64
+namespace {
 
-/* A service driven by "start", "stop" and "restart" (stop, then start). */
-struct media_service {
-	const char *start;
-	const char *stop;
-};
+using hx::ipc::Action;
 
-static const struct media_service webdav = {
-	"/etc/demo/webdav_start.sh", "/etc/demo/webdav_stop.sh"
-};
-static const struct media_service samba = {
-	"/etc/demo/samba_start.sh", "/etc/demo/samba_stop.sh"
-};
-static const struct media_service fm = {
-	FM_SCRIPT " start", FM_SCRIPT " stop"
-};
+constexpr char webdav_start[] = "/etc/demo/webdav_start.sh";
+constexpr char webdav_stop[] = "/etc/demo/webdav_stop.sh";
+constexpr char samba_start[] = "/etc/demo/samba_start.sh";
+constexpr char samba_stop[] = "/etc/demo/samba_stop.sh";
+constexpr char minidlna_stop[] = "/etc/demo/minidlna_stop.sh";
+constexpr char fm_start[] = "/etc/app/gw_fm.sh start";
+constexpr char fm_stop[] = "/etc/app/gw_fm.sh stop";
+constexpr char charger_on[] = "/etc/app/gw_usbcharger.sh on";
+constexpr char charger_off[] = "/etc/app/gw_usbcharger.sh off";
+// "/etc/app/gw_fm.sh set_freq " and at most "108.0"
+constexpr size_t fm_command_size = 64;
 
-/* Runs the operation of one action word; NULL or an error text. */
-typedef const char *(*media_run)(const char *action);
-
-/* The common shape of a target handler (Part 2.2): a missing "action", or
- * one that is not a string, does nothing. */
-static const char *
-media_target(struct json_object *value, media_run run)
+// An action that runs the commands in their order.
+template <const char *...Commands>
+const char *script(json_object *)
 {
-	const char *error = ipc_target_check(value, INVALID_ARGS);
-	const char *action;
-
-	if (error != NULL)
-		return error;
-	action = ipc_target_action(value);
-	return action != NULL ? run(action) : NULL;
+	(do_system(Commands), ...);
+	return nullptr;
 }
 
-/* Runs the scripts of action; an unknown action runs nothing. */
-static const char *
-media_service_run(const struct media_service *service, const char *action)
-{
-	int stop = strcmp(action, "stop") == 0 || strcmp(action, "restart") == 0;
-	int start = strcmp(action, "start") == 0 || strcmp(action, "restart") == 0;
-
-	if (stop)
-		do_system(service->stop);
-	if (start)
-		do_system(service->start);
-	return NULL;
-}
-
-static const char *
-webdav_run(const char *action)
-{
-	return media_service_run(&webdav, action);
-}
-
-static const char *
-samba_run(const char *action)
-{
-	return media_service_run(&samba, action);
-}
-
-static const char *
-dlna_run(const char *action)
-{
-	if (strcmp(action, "start") == 0 || strcmp(action, "restart") == 0)
-		dlna_restart();
-	else if (strcmp(action, "stop") == 0)
-		do_system(MINIDLNA_STOP);
-	return NULL;
-}
-
-/* 1 when text is a frequency in MHz from 76 to 108 written as digits with
- * at most one decimal digit ("87", "87.5"), else 0.  The text reaches the
- * shell, so nothing else passes (DESIGN.md section 8). */
-static int
-fm_freq_valid(const char *text)
+// A frequency in MHz from 76 to 108, written as digits with at most one
+// decimal digit ("87", "87.5").  The text reaches the shell, so nothing
+// else passes.
+bool fm_freq_valid(const std::string &text)
 {
 	unsigned int tenths = 0;
-	size_t i, digits = 0;
-
-	for (i = 0; isdigit((unsigned char)text[i]); i++, digits++) {
-		if (digits == 3)
-			return 0;
-		tenths = tenths * 10 + (unsigned int)(text[i] - '0');
+	size_t i = 0;
+	for (; i < text.size() && isdigit(static_cast<unsigned char>(text[i])); i++) {
+		if (i == 3)
+			return false;
+		tenths = tenths * 10 + static_cast<unsigned int>(text[i] - '0');
 	}
-	if (digits == 0)
-		return 0;
+	if (i == 0)
+		return false;
 	tenths *= 10;
-	if (text[i] == '.') {
-		if (!isdigit((unsigned char)text[i + 1]))
-			return 0;
-		tenths += (unsigned int)(text[i + 1] - '0');
+	if (i < text.size() && text[i] == '.') {
+		if (i + 1 == text.size() || !isdigit(static_cast<unsigned char>(text[i + 1])))
+			return false;
+		tenths += static_cast<unsigned int>(text[i + 1] - '0');
 		i += 2;
 	}
-	return text[i] == '\0' && tenths >= 760 && tenths <= 1080;
+	return i == text.size() && tenths >= 760 && tenths <= 1080;
 }
 
-static const char *
-fm_set_freq(void)
+// A stored number keeps its text (87.5), a string gives its characters.
+const char *fm_set_freq(json_object *)
 {
-	struct json_object *stored;
-	const char *text;
-	int ret = confGetJson(CONF_SYSCONF, FM_FREQ_KEY, &stored);
-
-	if (ret != 0) {
-		puts(ret == CONF_BAD_JSON ? "fm_freq is not valid JSON." : "fm_freq is not set.");
+	auto freq = hx::conf::text(hx::conf::Store::sysconf, "fm_freq");
+	if (!freq) {
+		puts(freq.error() == hx::conf::Error::bad_json ? "fm_freq is not valid JSON."
+							      : "fm_freq is not set.");
 		return "internal error";
 	}
-	/* A number keeps its stored text (87.5), a string gives its characters. */
-	text = json_object_get_string(stored);
-	if (fm_freq_valid(text))
-		ret = do_systemf(FM_CMD_SIZE, FM_SCRIPT " set_freq %s", text);
-	else {
+	if (!fm_freq_valid(*freq)) {
 		puts("Invalid FM frequency.");
-		ret = -1;
+		return "internal error";
 	}
-	json_object_put(stored);
-	return ret == 0 ? NULL : "internal error";
+	return do_systemf(fm_command_size, "/etc/app/gw_fm.sh set_freq %s", freq->c_str()) == 0
+		       ? nullptr
+		       : "internal error";
 }
 
-static const char *
-fm_run(const char *action)
+constexpr Action webdav_actions[] = {
+	{"start", script<webdav_start>},
+	{"stop", script<webdav_stop>},
+	{"restart", script<webdav_stop, webdav_start>},
+};
+constexpr Action samba_actions[] = {
+	{"start", script<samba_start>},
+	{"stop", script<samba_stop>},
+	{"restart", script<samba_stop, samba_start>},
+};
+constexpr Action dlna_actions[] = {
+	{"start", hx::ipc::run<dlna_restart>},
+	{"restart", hx::ipc::run<dlna_restart>},
+	{"stop", script<minidlna_stop>},
+};
+constexpr Action fm_actions[] = {
+	{"start", script<fm_start>},
+	{"stop", script<fm_stop>},
+	{"restart", script<fm_stop, fm_start>},
+	{"set_freq", fm_set_freq},
+};
+constexpr Action charger_actions[] = {
+	{"on", script<charger_on>},
+	{"off", script<charger_off>},
+};
+
+}  // namespace
+
+const char *_revalidate_webdav(json_object *value, json_object *, void *)
 {
-	if (strcmp(action, "set_freq") == 0)
-		return fm_set_freq();
-	return media_service_run(&fm, action);
+	return hx::ipc::run_target(value, {webdav_actions});
 }
 
-static const char *
-usb_charger_run(const char *action)
+const char *_revalidate_samba(json_object *value, json_object *, void *)
 {
-	if (strcmp(action, "on") == 0)
-		do_system(USB_CHARGER " on");
-	else if (strcmp(action, "off") == 0)
-		do_system(USB_CHARGER " off");
-	return NULL;
+	return hx::ipc::run_target(value, {samba_actions});
 }
 
-const char *
-_revalidate_webdav(struct json_object *value, struct json_object *reply_arguments, void *deferred)
+const char *_revalidate_dlna(json_object *value, json_object *, void *)
 {
-	(void)reply_arguments;
-	(void)deferred;
-	return media_target(value, webdav_run);
+	return hx::ipc::run_target(value, {dlna_actions});
 }
 
-const char *
-_revalidate_samba(struct json_object *value, struct json_object *reply_arguments, void *deferred)
+const char *_revalidate_fm(json_object *value, json_object *, void *)
 {
-	(void)reply_arguments;
-	(void)deferred;
-	return media_target(value, samba_run);
+	return hx::ipc::run_target(value, {fm_actions});
 }
 
-const char *
-_revalidate_dlna(struct json_object *value, struct json_object *reply_arguments, void *deferred)
+const char *_revalidate_usbCharger(json_object *value, json_object *, void *)
 {
-	(void)reply_arguments;
-	(void)deferred;
-	return media_target(value, dlna_run);
-}
-
-const char *
-_revalidate_fm(struct json_object *value, struct json_object *reply_arguments, void *deferred)
-{
-	(void)reply_arguments;
-	(void)deferred;
-	return media_target(value, fm_run);
-}
-
-const char *
-_revalidate_usbCharger(struct json_object *value, struct json_object *reply_arguments, void *deferred)
-{
-	(void)reply_arguments;
-	(void)deferred;
-	return media_target(value, usb_charger_run);
+	return hx::ipc::run_target(value, {charger_actions});
 }

@@ -1,199 +1,162 @@
-/* Part 9.2: firmware upgrade, reboot, power-off and factory default. */
+// Whole-device actions: firmware upgrade, reboot, power-off and factory
+// default.  The platform's scripts do the work in the background; the
+// daemon answers at once.
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
-#include <json-c/json.h>
+#include <optional>
+#include <string>
 
+#include "core/fmt.h"
 #include "core/util.h"
-#include "ipc/registry.h"
+#include "ipc/target.h"
 #include "system/system.h"
 
-#define FWUP_CMD   128
-#define FWUP_PARTS 7
-/* An absent part: the word the C library prints for a null %s, quoted so
- * that the shell takes its parentheses literally. */
-#define FWUP_NULL  "'(null)'"
+namespace {
 
-static const char *const fwup_names[FWUP_PARTS] = {
+constexpr size_t command_max = 127;	// the upgrade command's 128-byte buffer
+constexpr std::array<const char *, 7> part_names = {
 	"serverip", "bootloader", "kernel", "jffs2", "opt", "rootfs", "subfolder",
 };
+// An absent part: the word the C library prints for a null text, quoted so
+// that the shell takes its parentheses literally.
+constexpr const char *absent_part = "'(null)'";
 
-void
-do_safeReboot(int delay_seconds)
+// The parts reach the shell unquoted: an empty part, a character the shell
+// could interpret or a command over the buffer refuses the whole command.
+std::optional<std::string> upgrade_command(const std::array<const char *, 7> &parts)
+{
+	std::array<const char *, 7> words;
+	for (size_t i = 0; i < parts.size(); i++) {
+		if (parts[i] != nullptr && (parts[i][0] == '\0' || !gwutil_shell_safe(parts[i]))) {
+			printf("firmware upgrade: %s refused: empty or unsafe characters\n", part_names[i]);
+			return std::nullopt;
+		}
+		words[i] = parts[i] != nullptr ? parts[i] : absent_part;
+	}
+	std::string command = hx::format("/etc/app/fw_upgrade.sh %s %s %s %s %s %s %s &", words[0],
+					 words[1], words[2], words[3], words[4], words[5], words[6]);
+	if (command.size() > command_max) {
+		puts("firmware upgrade: refused: the command does not fit 128 bytes");
+		return std::nullopt;
+	}
+	return command;
+}
+
+int run_upgrade(const std::string &command)
+{
+	puts(command.c_str());
+	return do_system(command.c_str()) == 0 ? 0 : -1;
+}
+
+}  // namespace
+
+void do_safeReboot(int delay_seconds)
 {
 	pid_t pid = fork();
-
 	if (pid < 0) {
 		printf("do_safeReboot: fork failed: %s\n", strerror(errno));
 		return;
 	}
 	if (pid > 0)
 		return;
-	sleep(delay_seconds > 0 ? (unsigned int)delay_seconds : 0);
+	sleep(delay_seconds > 0 ? static_cast<unsigned int>(delay_seconds) : 0);
 	do_system("kill 1");
 	abort();
 }
 
-void
-do_poweroff(void)
+void do_poweroff()
 {
 	puts("do poweroff");
 	do_system("/etc/app/gw_poweroff.sh &");
 }
 
-int
-do_factoryDefault(void)
+int do_factoryDefault()
 {
 	puts("do factoryDefault");
 	do_system("/etc/app/gw_factoryreset.sh &");
 	return 0;
 }
 
-int
-fw_upgrade(int set_defaults)
+int fw_upgrade(int set_defaults)
 {
-	do_systemf(FWUP_CMD, "/etc/app/gw_fwupgrade.sh %s > /dev/console &",
+	do_systemf(command_max + 1, "/etc/app/gw_fwupgrade.sh %s > /dev/console &",
 		   set_defaults == 1 ? "set_def" : "");
 	return 0;
 }
 
-/* Safety (DESIGN.md section 8): the parts reach the shell unquoted, so an
- * empty part, a character the shell could interpret or a command longer
- * than the 128-byte buffer refuses the whole command: 0, or -1 with the
- * reason printed. */
-static int
-fwup_command(char *cmd, size_t size, const char *const part[FWUP_PARTS])
+int firmware_upgrade(const std::array<const char *, 7> &parts)
 {
-	const char *word[FWUP_PARTS];
-	int i, n;
-
-	for (i = 0; i < FWUP_PARTS; i++) {
-		if (part[i] != NULL && (part[i][0] == '\0' || !gwutil_shell_safe(part[i]))) {
-			printf("firmware upgrade: %s refused: empty or unsafe characters\n",
-			       fwup_names[i]);
-			return -1;
-		}
-		word[i] = part[i] != NULL ? part[i] : FWUP_NULL;
-	}
-	n = gwutil_snprintf(cmd, size, "/etc/app/fw_upgrade.sh %s %s %s %s %s %s %s &",
-			    word[0], word[1], word[2], word[3], word[4], word[5], word[6]);
-	if (n < 0 || (size_t)n >= size) {
-		puts("firmware upgrade: refused: the command does not fit 128 bytes");
-		return -1;
-	}
-	return 0;
+	std::optional<std::string> command = upgrade_command(parts);
+	return command ? run_upgrade(*command) : -1;
 }
 
-static int
-fwup_run(const char *cmd)
+namespace {
+
+template <int SetDefaults>
+const char *upgrade(json_object *)
 {
-	puts(cmd);
-	return do_system(cmd) == 0 ? 0 : -1;
+	fw_upgrade(SetDefaults);
+	return nullptr;
 }
 
-int
-firmware_upgrade(const char *serverip, const char *bootloader, const char *kernel,
-		 const char *jffs2, const char *opt, const char *rootfs,
-		 const char *subfolder)
-{
-	const char *const part[FWUP_PARTS] = {
-		serverip, bootloader, kernel, jffs2, opt, rootfs, subfolder,
-	};
-	char cmd[FWUP_CMD];
+constexpr hx::ipc::Action fw_upgrade_actions[] = {{"start", upgrade<0>}, {"startv", upgrade<1>}};
 
-	if (fwup_command(cmd, sizeof(cmd), part) != 0)
-		return -1;
-	return fwup_run(cmd);
+void reboot_soon()
+{
+	do_safeReboot(3);	// time for the reply to reach the client
 }
 
-const char *
-_revalidate_fwUpgrade(struct json_object *value, struct json_object *reply_arguments, void *deferred)
+// The parts in their order; absent ones stay null.  A member present
+// without a JSON string (null, a number, an object ...) gives no text.
+std::optional<std::array<const char *, 7>> upgrade_parts(json_object *value)
 {
-	const char *action, *error;
-
-	(void)reply_arguments;
-	(void)deferred;
-	error = ipc_target_check(value, "invalid arguments");
-	if (error != NULL)
-		return error;
-	action = ipc_target_action(value);
-	if (action == NULL)
-		return NULL;
-	if (strcmp(action, "start") == 0)
-		fw_upgrade(0);
-	else if (strcmp(action, "startv") == 0)
-		fw_upgrade(1);
-	return NULL;
-}
-
-/* The members in the Part's order; absent ones stay NULL.  A member that is
- * present but not a JSON string (null, a number, an object ...) yields no
- * text: -1. */
-static int
-fwup_parts(struct json_object *value, const char *part[FWUP_PARTS])
-{
-	struct json_object *member;
-	int i;
-
-	for (i = 0; i < FWUP_PARTS; i++) {
-		part[i] = NULL;
-		if (!json_object_object_get_ex(value, fwup_names[i], &member))
+	std::array<const char *, 7> parts{};
+	for (size_t i = 0; i < parts.size(); i++) {
+		json_object *member;
+		if (!json_object_object_get_ex(value, part_names[i], &member))
 			continue;
-		if (!json_object_is_type(member, json_type_string))
-			return -1;
-		part[i] = json_object_get_string(member);
+		if (!hx::json::is(member, json_type_string))
+			return std::nullopt;
+		parts[i] = hx::json::text(member);
 	}
-	return 0;
+	return parts;
 }
 
-const char *
-_revalidate_firmwareUpgrade(struct json_object *value, struct json_object *reply_arguments,
-			    void *deferred)
-{
-	const char *part[FWUP_PARTS];
-	const char *error;
-	char cmd[FWUP_CMD];
+}  // namespace
 
-	(void)reply_arguments;
-	(void)deferred;
-	error = ipc_target_check(value, "invalid arguments");
-	if (error != NULL)
+const char *_revalidate_fwUpgrade(json_object *value, json_object *, void *)
+{
+	return hx::ipc::run_target(value, {fw_upgrade_actions});
+}
+
+// The script's status is not reported.
+const char *_revalidate_firmwareUpgrade(json_object *value, json_object *, void *)
+{
+	if (const char *error = hx::ipc::check_target(value, "invalid arguments"))
 		return error;
-	if (fwup_parts(value, part) != 0 || fwup_command(cmd, sizeof(cmd), part) != 0)
+	std::optional<std::array<const char *, 7>> parts = upgrade_parts(value);
+	std::optional<std::string> command = parts ? upgrade_command(*parts) : std::nullopt;
+	if (!command)
 		return "internal error";
-	fwup_run(cmd);
-	return NULL;
+	run_upgrade(*command);
+	return nullptr;
 }
 
-const char *
-_revalidate_factoryDefault(struct json_object *value, struct json_object *reply_arguments,
-			   void *deferred)
+const char *_revalidate_factoryDefault(json_object *value, json_object *, void *)
 {
-	(void)value;
-	(void)reply_arguments;
-	(void)deferred;
-	return do_factoryDefault() != 0 ? "internal error" : NULL;
+	return hx::ipc::run_checked<do_factoryDefault>(value);
 }
 
-const char *
-_revalidate_reboot(struct json_object *value, struct json_object *reply_arguments, void *deferred)
+const char *_revalidate_reboot(json_object *value, json_object *, void *)
 {
-	(void)value;
-	(void)reply_arguments;
-	(void)deferred;
-	do_safeReboot(3);
-	return NULL;
+	return hx::ipc::run<reboot_soon>(value);
 }
 
-const char *
-_revalidate_poweroff(struct json_object *value, struct json_object *reply_arguments, void *deferred)
+const char *_revalidate_poweroff(json_object *value, json_object *, void *)
 {
-	(void)value;
-	(void)reply_arguments;
-	(void)deferred;
-	do_poweroff();
-	return NULL;
+	return hx::ipc::run<do_poweroff>(value);
 }

@@ -1,371 +1,211 @@
-/* Parts 7.1 and 7.2: the pure parts of the sync subsystem: nominal card
- * sizes, the blkid UUID, the owner folders, the backup-log line parser and
- * its 50-record ring, and the path check of sync tasks. */
-#include <setjmp.h>
-#include <stdarg.h>
-#include <stddef.h>
-#include <stdint.h>
-#include <stdio.h>
+// What the sync subsystem works out by itself: nominal card sizes, the
+// blkid UUID, owner folders, the backup-log parser and its 50-record ring,
+// the path check of sync tasks and the refusals before a task starts.
+#include <limits.h>
 #include <stdlib.h>
-#include <string.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
-extern "C" {
-#include <cmocka.h>
-}
+#include <string>
 
+#include "core/fmt.h"
 #include "sync/sync.h"
-#include "tests/unit/testutil.h"
+#include "tests/unit/support.h"
 
-/* ---- cap_calc ---- */
+namespace {
 
-static void
-test_cap_31_9_gb_is_32(void **state)
+using hx::test::stdout_of;
+
+struct Capacity {
+	uint64_t bytes;
+	unsigned int gb;
+};
+
+class CardSize : public ::testing::TestWithParam<Capacity> {};
+
+TEST_P(CardSize, IsTheNominalSizeWithinTenPercentElseRounded)
 {
-	(void)state;
-	assert_int_equal(cap_calc(31914983424ULL), 32);
+	EXPECT_EQ(cap_calc(GetParam().bytes), GetParam().gb);
 }
 
-static void
-test_cap_7_5_gb_is_8(void **state)
+INSTANTIATE_TEST_SUITE_P(Sizes, CardSize,
+			 ::testing::Values(Capacity{31914983424ULL, 32}, Capacity{7500000000ULL, 8},
+					   Capacity{40000000000ULL, 40}, Capacity{40600000000ULL, 41},
+					   Capacity{0, 0}, Capacity{1000000000ULL, 1},
+					   Capacity{2100000000ULL, 2}, Capacity{128000000000ULL, 128},
+					   Capacity{190000000000ULL, 200}));
+
+TEST(Blkid, Uuid)
 {
-	(void)state;
-	assert_int_equal(cap_calc(7500000000ULL), 8);
+	EXPECT_EQ(hx::sync::uuid_from_blkid("/dev/sdb1: LABEL=\"SD\" UUID=\"1A2B-3C4D\" TYPE=\"vfat\"\n"),
+		  "1A2B-3C4D");
+	EXPECT_EQ(hx::sync::uuid_from_blkid("/dev/sdb1: UUID=\"1A2B-3C4D\"\n"), "1A2B-3C4D");
+	EXPECT_EQ(hx::sync::uuid_from_blkid("/dev/sdb1: UUID=\"1A2B-3C4D\n"), "1A2B-3C4D");
+	EXPECT_EQ(hx::sync::uuid_from_blkid("/dev/sdb1: TYPE=\"vfat\"\n"), "0000-0000");
+	EXPECT_EQ(hx::sync::uuid_from_blkid(""), "0000-0000");
+	std::string long_uuid = "UUID=\"" + std::string(100, '7') + "\" TYPE=\"vfat\"";
+	EXPECT_EQ(hx::sync::uuid_from_blkid(long_uuid), std::string(63, '7'));
 }
 
-static void
-test_cap_40_gb_matches_nothing(void **state)
+TEST(Owner, Folders)
 {
-	(void)state;
-	assert_int_equal(cap_calc(40000000000ULL), 40);
-	/* rounded to nearest when no size matches */
-	assert_int_equal(cap_calc(40600000000ULL), 41);
-	assert_int_equal(cap_calc(0), 0);
+	EXPECT_EQ(hx::sync::owner_folder("user0_name"), "Default user");
+	EXPECT_EQ(hx::sync::owner_folder("user1_name"), "Owner1");
+	EXPECT_EQ(hx::sync::owner_folder("user2_name"), "Owner2");
+	EXPECT_EQ(hx::sync::owner_folder("user3_name"), "Owner3");
+	EXPECT_EQ(hx::sync::owner_folder("user4_name"), "");
+	EXPECT_EQ(hx::sync::owner_folder("user1_name "), "");
 }
 
-static void
-test_cap_sizes_in_table_order(void **state)
+std::string shown(const backup_record &r)
 {
-	(void)state;
-	assert_int_equal(cap_calc(1000000000ULL), 1);
-	assert_int_equal(cap_calc(2100000000ULL), 2);
-	assert_int_equal(cap_calc(128000000000ULL), 128);
-	assert_int_equal(cap_calc(190000000000ULL), 200);
+	return hx::format("%ld %s %s [%s] %ld [%s] %ld [%s] %ld", r.id, backup_result_str[r.result],
+			  backup_type_str[r.type], r.dest_dir.c_str(), r.file_count, r.oldest_file.c_str(),
+			  r.oldest_time, r.newest_file.c_str(), r.newest_time);
 }
 
-/* ---- blkid ---- */
+struct Line {
+	std::string text;
+	std::string record;	// shown()
+};
 
-static void
-test_uuid_followed_by_quote_and_blank(void **state)
+class LogLine : public ::testing::TestWithParam<Line> {};
+
+TEST_P(LogLine, GivesRecord)
 {
-	char uuid[64];
-
-	(void)state;
-	sd_uuid_from_blkid("/dev/sdb1: LABEL=\"SD\" UUID=\"1A2B-3C4D\" TYPE=\"vfat\"\n", uuid,
-			   sizeof(uuid));
-	assert_string_equal(uuid, "1A2B-3C4D");
+	backup_record r;
+	initRecord(r);
+	getRecordFromLine(r, GetParam().text);
+	EXPECT_EQ(shown(r), GetParam().record);
 }
 
-static void
-test_uuid_as_last_attribute(void **state)
-{
-	char uuid[64];
+const std::string key127(127, 'k'), key128(128, 'k'), long_value(300, 'v');
 
-	(void)state;
-	sd_uuid_from_blkid("/dev/sdb1: LABEL=\"SD\" UUID=\"1A2B-3C4D\"\n", uuid, sizeof(uuid));
-	assert_string_equal(uuid, "1A2B-3C4D");
+INSTANTIATE_TEST_SUITE_P(
+	Fields, LogLine,
+	::testing::Values(
+		Line{";;log_id=7;;result=failed;;sync_type=auto;;dest_dir=USB_A1/Owner1;;file_count=12"
+		     ";;oldest_file=a.jpg;;oldest_time=100;;newest_file=b c.jpg;;newest_time=200\n",
+		     "7 failed auto [USB_A1/Owner1] 12 [a.jpg] 100 [b c.jpg] 200"},
+		// a missing result or type reads success and manual
+		Line{";;log_id=3\n", "3 success manual [] 0 [] 0 [] 0"},
+		// unknown words keep the field, the first word counts, numbers
+		// that do not convert keep theirs, unknown keys are ignored
+		Line{"junk;;log_id=4;;result=maybe;;sync_type= auto later;;colour=red;;file_count=x"
+		     ";;noequals;;=5\n",
+		     "4 success auto [] 0 [] 0 [] 0"},
+		// the eleventh field is not read
+		Line{"a;;b;;c;;d;;e;;f;;g;;h;;i;;log_id=1;;file_count=9\n", "1 success manual [] 0 [] 0 [] 0"},
+		Line{";;dest_dir=" + long_value, "0 success manual [" + std::string(255, 'v') + "] 0 [] 0 [] 0"},
+		Line{";;dest_dir=;;oldest_file=\n;;log_id=99999999999999999999999",
+		     hx::format("%ld success manual [] 0 [] 0 [] 0", LONG_MAX)},
+		Line{";;log_id=2;;" + key127 + "=x;;" + key128 + "=x", "2 success manual [] 0 [] 0 [] 0"},
+		// a field is cut at 2047 characters before it is parsed
+		Line{";;dest_dir=" + std::string(2100, 'd') + ";;log_id=6",
+		     "6 success manual [" + std::string(255, 'd') + "] 0 [] 0 [] 0"}));
+
+TEST(LogRecord, Description)
+{
+	backup_record r;
+	getRecordFromLine(r, ";;log_id=5;;dest_dir=d;;file_count=2;;oldest_file=o;;oldest_time=1"
+			     ";;newest_file=n;;newest_time=9");
+	EXPECT_EQ(stdout_of([&] { recordDescription("rec", r); }),
+		  "\nrec -------------------\nrec id = 5\nrec result = success\nrec type = manual\n"
+		  "rec desdir = d\nrec num = 2\nrec oldest_name = o\nrec oldest_time = 1\n"
+		  "rec newest_name = n\nrec newest_time = 9\nrec -------------------\n");
 }
 
-static void
-test_no_uuid_gives_zeros(void **state)
+std::string numbered_log(int first, int last)
 {
-	char uuid[64];
-
-	(void)state;
-	sd_uuid_from_blkid("/dev/sdb1: LABEL=\"SD\" TYPE=\"vfat\"\n", uuid, sizeof(uuid));
-	assert_string_equal(uuid, "0000-0000");
-	sd_uuid_from_blkid("", uuid, sizeof(uuid));
-	assert_string_equal(uuid, "0000-0000");
+	std::string text = "no record here\n";
+	for (int i = first; i <= last; i++)
+		text += hx::format("date;;log_id=%d;;dest_dir=d%d\n", i, i);
+	return text;
 }
 
-static void
-test_long_uuid_is_bounded(void **state)
+TEST(LogFile, RingKeepsTheLast50)
 {
-	char line[256], uuid[64];
+	hx::test::TempDir dir;
+	backup_log_list list = getLogListFromFile(dir.write("sync.log", numbered_log(1, 51)).c_str());
+	EXPECT_EQ(list.count, 50u);
+	EXPECT_EQ(list.latest_id, 51u);
+	EXPECT_EQ(shown(list.records[0]), "51 success manual [d51] 0 [] 0 [] 0");
+	EXPECT_EQ(list.records[1].id, 2);
+	EXPECT_EQ(list.records[49].id, 50);
 
-	(void)state;
-	snprintf(line, sizeof(line), "UUID=\"%0100d\" TYPE=\"vfat\"", 0);
-	sd_uuid_from_blkid(line, uuid, sizeof(uuid));
-	assert_int_equal(strlen(uuid), 63);
+	list = getLogListFromFile(dir.write("sync.log", numbered_log(1, 50)).c_str());
+	EXPECT_EQ(list.count, 50u);
+	EXPECT_EQ(list.records[0].id, 1);
 }
 
-/* ---- owners ---- */
-
-static void
-test_owner_folders(void **state)
+TEST(LogFile, LatestIsTheLargestIdLongLinesAndMissingFile)
 {
-	(void)state;
-	assert_string_equal(sd_owner_folder("user0_name"), "Default user");
-	assert_string_equal(sd_owner_folder("user1_name"), "Owner1");
-	assert_string_equal(sd_owner_folder("user2_name"), "Owner2");
-	assert_string_equal(sd_owner_folder("user3_name"), "Owner3");
-	assert_string_equal(sd_owner_folder("user4_name"), "");
+	hx::test::TempDir dir;
+	// a line over 2047 characters is read in pieces, each judged alone
+	std::string text = ";;log_id=9\n;;log_id=3\n" + std::string(2047, 'x') + ";;log_id=4\n";
+	backup_log_list list = getLogListFromFile(dir.write("sync.log", text).c_str());
+	EXPECT_EQ(list.count, 3u);
+	EXPECT_EQ(list.latest_id, 9u);
+	EXPECT_EQ(list.records[2].id, 4);
+	EXPECT_EQ(getLogListFromFile(dir.file("none").c_str()).count, 0u);
 }
 
-/* ---- log lines ---- */
-
-static void
-test_record_all_keys(void **state)
+TEST(Items, NullArguments)
 {
-	struct backup_record r;
-
-	(void)state;
-	initRecord(&r);
-	getRecordFromLine(&r, ";;log_id=7;;result=failed;;sync_type=auto;;dest_dir=USB_A1/Owner1"
-			  ";;file_count=12;;oldest_file=a.jpg;;oldest_time=100;;newest_file=b c.jpg"
-			  ";;newest_time=200\n");
-	assert_int_equal(r.id, 7);
-	assert_string_equal(backup_result_str[r.result], "failed");
-	assert_string_equal(backup_type_str[r.type], "auto");
-	assert_string_equal(r.dest_dir, "USB_A1/Owner1");
-	assert_int_equal(r.file_count, 12);
-	assert_string_equal(r.oldest_file, "a.jpg");
-	assert_int_equal(r.oldest_time, 100);
-	assert_string_equal(r.newest_file, "b c.jpg");
-	assert_int_equal(r.newest_time, 200);
+	std::string out = stdout_of([] {
+		EXPECT_STREQ(_info_getSyncTaskList(nullptr, nullptr, nullptr), "invalid arguments");
+		EXPECT_STREQ(_info_getSDCardStatus(nullptr, nullptr, nullptr), "Invalid arguments.");
+		EXPECT_STREQ(_info_getSDCardBackupLogs(nullptr, nullptr, nullptr), "Invalid arguments.");
+	});
+	EXPECT_EQ(out, "Input parameters are NULL.\nInput parameters are NULL.\nInput parameters are NULL.\n");
 }
 
-static void
-test_record_defaults(void **state)
+TEST(SyncPath, StaysInTheShareAndOutOfTheShell)
 {
-	struct backup_record r;
-
-	(void)state;
-	initRecord(&r);
-	getRecordFromLine(&r, ";;log_id=3\n");
-	assert_int_equal(r.id, 3);
-	assert_string_equal(backup_result_str[r.result], "success");
-	assert_string_equal(backup_type_str[r.type], "manual");
-	assert_string_equal(r.dest_dir, "");
-	assert_int_equal(r.file_count, 0);
+	for (const char *safe : {"USB_A1/photos", "USB_A1/..photos/a..b/", "SD Card 32GB 1A2B-3C4D", "...",
+				 "a/./b", "", "'single' ;|&"})
+		EXPECT_TRUE(hx::sync::path_safe(safe)) << safe;
+	EXPECT_TRUE(hx::sync::path_safe(nullptr));
+	for (const char *unsafe : {"..", "../x", "USB_A1/../etc", "USB_A1/..", "a//../b", "a$b", "a`b",
+				   "a\"b", "a\\b"})
+		EXPECT_FALSE(hx::sync::path_safe(unsafe)) << unsafe;
 }
 
-static void
-test_record_unknown_words_and_keys_are_ignored(void **state)
-{
-	struct backup_record r;
+// Tasks that are refused before a worker starts: the share is a temporary
+// directory, and the task's place stays free (-1, never "busy").
+class Refused : public ::testing::Test {
+protected:
+	void SetUp() override
+	{
+		setenv("MOUNT_TOP", dir.path().c_str(), 1);
+		dir.write("file", "x");
+	}
+	void TearDown() override
+	{
+		unsetenv("MOUNT_TOP");
+		rmdir(dir.file("made").c_str());
+	}
+	std::string run(const char *src, const char *dst)
+	{
+		return stdout_of([&] { EXPECT_EQ(sync_task_new(0, src, dst), -1); });
+	}
+	hx::test::TempDir dir;
+};
 
-	(void)state;
-	initRecord(&r);
-	getRecordFromLine(&r, "junk;;log_id=4;;result=maybe;;sync_type=auto later;;colour=red"
-			  ";;file_count=x;;noequals\n");
-	assert_int_equal(r.id, 4);
-	assert_int_equal(r.result, 0);
-	assert_string_equal(backup_type_str[r.type], "auto");
-	assert_int_equal(r.file_count, 0);
+TEST_F(Refused, BadPathsAndChecks)
+{
+	EXPECT_EQ(run("file", nullptr).substr(0, 37), "hxsrvd: Sync DEBUG: sync_task_new (li");
+	EXPECT_EQ(run("../file", "made"), "");
+	EXPECT_EQ(run("file", "a$b"), "");
+	std::string out = run("none", "made");
+	EXPECT_NE(out.find(") new task src:" + dir.file("none") + ", dst:" + dir.file("made") + "\n"),
+		  std::string::npos);
+	EXPECT_NE(out.find(") Check source path(" + dir.file("none") + ") failed\n"), std::string::npos);
+	struct stat st;
+	EXPECT_EQ(stat(dir.file("made").c_str(), &st), 0);	// made before the source was checked
+	out = run("made", "file");
+	EXPECT_NE(out.find(") Check destination path(" + dir.file("file") + ") failed\n"),
+		  std::string::npos);
+	EXPECT_EQ(g_synctask.status.load(), hx::sync::Status::none);
 }
 
-static void
-test_record_at_most_ten_fields(void **state)
-{
-	struct backup_record r;
-
-	(void)state;
-	initRecord(&r);
-	/* the eleventh field is not read */
-	getRecordFromLine(&r, "a;;b;;c;;d;;e;;f;;g;;h;;i;;log_id=1;;file_count=9\n");
-	assert_int_equal(r.id, 1);
-	assert_int_equal(r.file_count, 0);
-}
-
-static void
-test_record_long_values_are_bounded(void **state)
-{
-	struct backup_record r;
-	char line[4096];
-
-	(void)state;
-	memset(line, 'x', sizeof(line));
-	memcpy(line, ";;dest_dir=", 11);
-	line[sizeof(line) - 1] = '\0';
-	initRecord(&r);
-	getRecordFromLine(&r, line);
-	assert_int_equal(strlen(r.dest_dir), 255);
-}
-
-/* ---- the log file and its ring ---- */
-
-static char *
-write_log(int records, const char *extra)
-{
-	char *dir = tu_tempdir();
-	char *path = tu_path(dir, "sync.log");
-	FILE *fp = fopen(path, "w");
-	int i;
-
-	assert_non_null(fp);
-	fputs(extra, fp);
-	for (i = 1; i <= records; i++)
-		fprintf(fp, "date;;log_id=%d;;dest_dir=d%d\n", i, i);
-	fclose(fp);
-	free(dir);
-	return path;
-}
-
-static void
-remove_log(char *path)
-{
-	char *dir = strdup(path);
-
-	*strrchr(dir, '/') = '\0';
-	tu_rmtree(dir);
-	free(dir);
-	free(path);
-}
-
-static void
-test_log_51_records_ring(void **state)
-{
-	struct backup_log_list *list = (struct backup_log_list *)calloc(1, sizeof(*list));
-	char *path = write_log(51, "no record here\n");
-
-	(void)state;
-	assert_int_equal(getLogListFromFile(list, path), 0);
-	assert_int_equal(list->count, 50);
-	assert_int_equal(list->latest_id, 51);
-	assert_int_equal(list->records[0].id, 51);
-	assert_string_equal(list->records[0].dest_dir, "d51");
-	assert_int_equal(list->records[1].id, 2);
-	assert_int_equal(list->records[49].id, 50);
-	remove_log(path);
-	free(list);
-}
-
-static void
-test_log_50_records_no_wrap(void **state)
-{
-	struct backup_log_list *list = (struct backup_log_list *)calloc(1, sizeof(*list));
-	char *path = write_log(50, "");
-
-	(void)state;
-	getLogListFromFile(list, path);
-	assert_int_equal(list->count, 50);
-	assert_int_equal(list->records[0].id, 1);
-	remove_log(path);
-	free(list);
-}
-
-static void
-test_log_latest_id_is_largest(void **state)
-{
-	struct backup_log_list *list = (struct backup_log_list *)calloc(1, sizeof(*list));
-	char *path = write_log(0, ";;log_id=9\n;;log_id=3\n");
-
-	(void)state;
-	getLogListFromFile(list, path);
-	assert_int_equal(list->count, 2);
-	assert_int_equal(list->latest_id, 9);
-	remove_log(path);
-	free(list);
-}
-
-static void
-test_log_missing_file_is_empty(void **state)
-{
-	struct backup_log_list *list = (struct backup_log_list *)calloc(1, sizeof(*list));
-
-	(void)state;
-	assert_int_equal(getLogListFromFile(list, "/nonexistent/sync.log"), 0);
-	assert_int_equal(list->count, 0);
-	assert_int_equal(getLogListFromFile(list, NULL), -1);
-	free(list);
-}
-
-static void
-test_record_description(void **state)
-{
-	struct backup_record r;
-	struct tu_capture cap;
-	char *out;
-
-	(void)state;
-	initRecord(&r);
-	getRecordFromLine(&r, ";;log_id=5;;dest_dir=d;;file_count=2;;oldest_file=o;;oldest_time=1"
-			  ";;newest_file=n;;newest_time=9");
-	tu_capture_begin(&cap, stdout);
-	recordDescription("rec", &r);
-	out = tu_capture_end(&cap);
-	assert_string_equal(out, "\nrec -------------------\nrec id = 5\nrec result = success\n"
-			    "rec type = manual\nrec desdir = d\nrec num = 2\nrec oldest_name = o\n"
-			    "rec oldest_time = 1\nrec newest_name = n\nrec newest_time = 9\n"
-			    "rec -------------------\n");
-	free(out);
-}
-
-/* ---- items on null arguments ---- */
-
-static void
-test_items_on_null_arguments(void **state)
-{
-	struct tu_capture cap;
-	char *out;
-
-	(void)state;
-	tu_capture_begin(&cap, stdout);
-	assert_string_equal(_info_getSyncTaskList(NULL, NULL, NULL), "invalid arguments");
-	assert_string_equal(_info_getSDCardStatus(NULL, NULL, NULL), "Invalid arguments.");
-	assert_string_equal(_info_getSDCardBackupLogs(NULL, NULL, NULL), "Invalid arguments.");
-	out = tu_capture_end(&cap);
-	assert_string_equal(out, "Input parameters are NULL.\nInput parameters are NULL.\n"
-			    "Input parameters are NULL.\n");
-	free(out);
-}
-
-/* ---- sync paths (DESIGN.md 8) ---- */
-
-static void
-test_sync_paths(void **state)
-{
-	(void)state;
-	assert_int_equal(sync_path_safe(NULL), 0);
-	assert_int_equal(sync_path_safe("USB_A1/photos"), 0);
-	assert_int_equal(sync_path_safe("USB_A1/..photos/a..b/"), 0);
-	assert_int_equal(sync_path_safe("SD Card 32GB 1A2B-3C4D"), 0);
-	assert_int_equal(sync_path_safe(".."), -1);
-	assert_int_equal(sync_path_safe("USB_A1/../etc"), -1);
-	assert_int_equal(sync_path_safe("USB_A1/.."), -1);
-	assert_int_equal(sync_path_safe("a$b"), -1);
-	assert_int_equal(sync_path_safe("a`b"), -1);
-	assert_int_equal(sync_path_safe("a\"b"), -1);
-	assert_int_equal(sync_path_safe("a\\b"), -1);
-}
-
-int
-main(void)
-{
-	const struct CMUnitTest tests[] = {
-		cmocka_unit_test(test_cap_31_9_gb_is_32),
-		cmocka_unit_test(test_cap_7_5_gb_is_8),
-		cmocka_unit_test(test_cap_40_gb_matches_nothing),
-		cmocka_unit_test(test_cap_sizes_in_table_order),
-		cmocka_unit_test(test_uuid_followed_by_quote_and_blank),
-		cmocka_unit_test(test_uuid_as_last_attribute),
-		cmocka_unit_test(test_no_uuid_gives_zeros),
-		cmocka_unit_test(test_long_uuid_is_bounded),
-		cmocka_unit_test(test_owner_folders),
-		cmocka_unit_test(test_record_all_keys),
-		cmocka_unit_test(test_record_defaults),
-		cmocka_unit_test(test_record_unknown_words_and_keys_are_ignored),
-		cmocka_unit_test(test_record_at_most_ten_fields),
-		cmocka_unit_test(test_record_long_values_are_bounded),
-		cmocka_unit_test(test_log_51_records_ring),
-		cmocka_unit_test(test_log_50_records_no_wrap),
-		cmocka_unit_test(test_log_latest_id_is_largest),
-		cmocka_unit_test(test_log_missing_file_is_empty),
-		cmocka_unit_test(test_record_description),
-		cmocka_unit_test(test_items_on_null_arguments),
-		cmocka_unit_test(test_sync_paths),
-	};
-
-	return cmocka_run_group_tests(tests, NULL, NULL);
-}
+}  // namespace
