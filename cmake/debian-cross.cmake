@@ -7,7 +7,7 @@
 # (/usr/<triplet>, libc6-dev-<arch>-cross).
 # Libraries: the target root HX_SYSROOT that scripts/install-cross-deps
 # unpacks from Debian's packages for the architecture (libc6, libevent, json-c,
-# gdbm, mbed TLS, libcrypt, libbsd, cmocka; runtime and -dev), laid out as
+# gdbm, mbed TLS, libcrypt, GoogleTest; runtime and -dev), laid out as
 # on a Debian system of that architecture (/usr/lib/<triplet>, /usr/include).
 # Everything is found there, never on the host.
 # Emulator: ctest runs every test program as HX_QEMU -L HX_SYSROOT PROGRAM, so

@@ -3,7 +3,6 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <event.h>
 
 #include <algorithm>
 #include <array>
@@ -86,29 +85,3 @@ int sysConfSwap(const char *a, const char *b)
 	hx::conf::set_bytes(Store::sysconf, b, value_a ? &value_a->append(2, '\0') : nullptr);
 	return 0;
 }
-
-// --- Transitional forms.
-
-const char *confStorePath(enum conf_store store) { return hx::conf::path(static_cast<Store>(store)); }
-GDBM_FILE confOpenReader(const char *path) { return hx::conf::open_reader(path).release(); }
-GDBM_FILE confOpenWriter(const char *path) { return hx::conf::open_writer(path).release(); }
-
-int confGet(const char *path, const char *key, struct evbuffer *buf)
-{
-	std::optional<std::string> value = hx::conf::get(path, key);
-	return value ? evbuffer_add(buf, value->c_str(), value->size() + 1) : -1;
-}
-
-// A buffer that never held data is refused, as the store refuses it.
-int confSet(const char *path, const char *key, struct evbuffer *buf)
-{
-	std::string data(evbuffer_get_length(buf), '\0');
-	evbuffer_copyout(buf, data.data(), data.size());
-	return data.empty() ? hx::conf::set_bytes(path, key, nullptr) : hx::conf::set(path, key, data);
-}
-
-int sysConfGet(const char *key, struct evbuffer *buf) { return confGet(confStorePath(CONF_SYSCONF), key, buf); }
-int rtConfGet(const char *key, struct evbuffer *buf) { return confGet(confStorePath(CONF_RTCONF), key, buf); }
-int sysInfoGet(const char *key, struct evbuffer *buf) { return confGet(confStorePath(CONF_SYSINFO), key, buf); }
-int sysConfSet(const char *key, struct evbuffer *buf) { return confSet(confStorePath(CONF_SYSCONF), key, buf); }
-int rtConfSet(const char *key, struct evbuffer *buf) { return confSet(confStorePath(CONF_RTCONF), key, buf); }

@@ -5,7 +5,6 @@
 
 #include "conf/store.h"
 
-struct evbuffer;
 
 // Builds the key index from the persistent store (start-up only).
 int confIndexInit();
@@ -26,19 +25,5 @@ int sysConfCopy(const char *dst, const char *src);
 // Exchanges the values of a and b; when one has no value, it takes the
 // other's and the other keeps its own (a set from nothing is refused).  0.
 int sysConfSwap(const char *a, const char *b);
-
-// --- Transitional: the evbuffer and C-enum forms, until no caller uses them.
-#include <gdbm.h>
-enum conf_store { CONF_SYSCONF, CONF_RTCONF, CONF_SYSINFO };
-const char *confStorePath(enum conf_store store);
-GDBM_FILE confOpenReader(const char *path);
-GDBM_FILE confOpenWriter(const char *path);
-int sysConfGet(const char *key, struct evbuffer *buf);
-int rtConfGet(const char *key, struct evbuffer *buf);
-int sysInfoGet(const char *key, struct evbuffer *buf);
-int sysConfSet(const char *key, struct evbuffer *buf);
-int rtConfSet(const char *key, struct evbuffer *buf);
-int confGet(const char *path, const char *key, struct evbuffer *buf);
-int confSet(const char *path, const char *key, struct evbuffer *buf);
 
 #endif

@@ -283,13 +283,3 @@ std::string _escape_delimiter(std::string_view string, unsigned int flags)
 	}
 	return out;
 }
-
-char *_escape_delimiter(const char *string, unsigned int flags)
-{
-	if (string == nullptr)
-		return nullptr;
-	char *out = strdup(_escape_delimiter(std::string_view(string), flags).c_str());
-	if (out == nullptr)
-		puts("_escape_delimiter: calloc failed");
-	return out;
-}

@@ -31,7 +31,7 @@ void getcurrenttime();
 
 // system(command) with the default SIGCHLD disposition; returns its status.
 int do_system(const std::string &command);
-int do_system(const char *command);	// transitional: the std::string form
+int do_system(const char *command);
 // do_system of the formatted command when it is shorter than size bytes:
 // 0 when it ran (whatever its status), -1 when it did not fit (nothing run).
 int do_systemf(size_t size, const char *format, ...) __attribute__((format(printf, 2, 3)));
@@ -60,7 +60,5 @@ int gwutil_shell_safe(const char *text);
 #define ESCAPE_SLASH     0x4
 #define ESCAPE_BACKSLASH 0x8
 std::string _escape_delimiter(std::string_view string, unsigned int flags);
-// Transitional: the std::string form; the caller frees the result.
-char *_escape_delimiter(const char *string, unsigned int flags);
 
 #endif

@@ -145,13 +145,3 @@ const char *_revalidate_noop(json_object *, json_object *, void *)
 	return nullptr;
 }
 
-const char *ipc_target_check(json_object *value, const char *error)
-{
-	return hx::ipc::check_target(value, error);
-}
-
-const char *ipc_target_action(json_object *value)
-{
-	json_object *action = hx::json::member(value, "action");
-	return hx::json::is(action, json_type_string) ? hx::json::text(action) : nullptr;
-}

@@ -26,10 +26,4 @@ void revalidates_init();
 const ipc_handler_entry *info_find(const char *name);
 const ipc_handler_entry *revalidate_find(const char *name);
 
-// Transitional, until every target runs through hx::ipc::run_target or
-// hx::ipc::check_target (ipc/target.h): the same check, and the text of
-// value's string member "action" or NULL.
-const char *ipc_target_check(json_object *value, const char *error);
-const char *ipc_target_action(json_object *value);
-
 #endif

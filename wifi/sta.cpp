@@ -102,24 +102,17 @@ int wt_security(Sec sec, const char *ssid, const char *pass)
 	return 0;
 }
 
-using Escaped = hx::Owned<char, free>;
-
-Escaped escaped(const std::string &text, unsigned int flags)
-{
-	return Escaped(_escape_delimiter(text.c_str(), flags));
-}
-
 int wt_associate()
 {
 	Text sec = sys("wan_sta_sec"), ssid = sys("wan_sta_ssid"), pass = sys("wan_sta_pass");
 	if (!sec || !ssid || !pass)
 		return -1;
 	constexpr unsigned int flags = ESCAPE_QUOTE | ESCAPE_SEMICOLON | ESCAPE_SLASH;
-	Escaped s = escaped(*ssid, flags), p = escaped(*pass, flags);
-	if (!s || !p || wt_security(security(*sec), s.get(), p.get()) != 0)
+	std::string s = _escape_delimiter(*ssid, flags), p = _escape_delimiter(*pass, flags);
+	if (wt_security(security(*sec), s.c_str(), p.c_str()) != 0)
 		return -1;
-	Escaped essid = escaped(*ssid, ESCAPE_QUOTE);
-	return essid ? do_systemf(cmd_size, "/usr/sbin/iwconfig mlan0 essid '%s'", essid.get()) : -1;
+	std::string essid = _escape_delimiter(*ssid, ESCAPE_QUOTE);
+	return do_systemf(cmd_size, "/usr/sbin/iwconfig mlan0 essid '%s'", essid.c_str());
 }
 
 int wt_connect()

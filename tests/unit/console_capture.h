@@ -1,4 +1,4 @@
-/* Test double of core/console.c: messages are kept in memory. */
+/* Test double of core/console.cpp: messages are kept in memory. */
 #ifndef HX_TEST_CONSOLE_CAPTURE_H
 #define HX_TEST_CONSOLE_CAPTURE_H
 

@@ -234,9 +234,6 @@ TEST(Util, EscapeDelimiter)
 	};
 	for (auto [flags, escaped] : cases)
 		EXPECT_EQ(_escape_delimiter(std::string_view("it's;a/b\\"), flags), escaped) << flags;
-	hx::Owned<char, free> old(_escape_delimiter("it's", ESCAPE_QUOTE));
-	EXPECT_STREQ(old.get(), "it'\\''s");
-	EXPECT_EQ(_escape_delimiter(static_cast<const char *>(nullptr), 0xF), nullptr);
 }
 
 TEST(Util, PrefixAndShellWords)
