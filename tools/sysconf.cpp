@@ -20,6 +20,7 @@
 #include "conf/backup.h"
 #include "conf/store.h"
 #include "core/owned.h"
+#include "tools/sysconf.h"
 #include "tools/toolutil.h"
 
 namespace {
@@ -491,7 +492,7 @@ int run(int argc, char **argv)
 
 }  // namespace
 
-int main(int argc, char **argv)
+int sysconf_main(int argc, char **argv)
 {
 	try {
 		return run(argc, argv);
