@@ -23,6 +23,11 @@ inline Ptr parse(const char *text) { return Ptr(json_tokener_parse(text)); }
 
 inline bool is(json_object *value, json_type type) { return json_object_is_type(value, type); }
 
+// A tokener kept for the event-loop thread, reset for a new text; NULL when
+// it cannot be made.  Making one per parse costs a calloc of its whole state
+// on every request.  Only the event-loop thread may use it.
+json_tokener *loop_tokener();
+
 // The member key of object, or NULL (absent, JSON null, or object not an object).
 inline json_object *member(json_object *object, const char *key)
 {
@@ -38,6 +43,11 @@ inline std::optional<std::string_view> string(json_object *value)
 				static_cast<size_t>(json_object_get_string_len(value)));
 }
 
+// A tokener kept for the event-loop thread, reset for a new text; NULL when
+// it cannot be made.  Making one per parse costs a calloc of its whole state
+// on every request.  Only the event-loop thread may use it.
+json_tokener *loop_tokener();
+
 // The member key of object when it is a JSON string.
 inline std::optional<std::string_view> string_member(json_object *object, const char *key)
 {
@@ -52,6 +62,13 @@ inline const char *text(json_object *value) { return json_object_get_string(valu
 inline void add(json_object *object, const char *key, Ptr value)
 {
 	json_object_object_add(object, key, value.release());
+}
+
+// The same for a key that outlives object (a literal, or a text of the
+// request being answered): json-c then keeps the pointer instead of a copy.
+inline void add_lasting(json_object *object, const char *key, Ptr value)
+{
+	json_object_object_add_ex(object, key, value.release(), JSON_C_OBJECT_KEY_IS_CONSTANT);
 }
 
 inline void add_string(json_object *object, const char *key, std::string_view text)

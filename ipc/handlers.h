@@ -40,6 +40,11 @@ const char *ws_state(const Item &item);
 const char *fwup_status(const Item &item);
 const char *owner_list(const Item &item);
 
+// The object json_tokener_parse makes of text, made without the tokener
+// for a string of printable ASCII without escapes, a plain integer, true
+// and false; NULL for any other text (which then goes to the tokener).
+json::Ptr plain_value(std::string_view text);
+
 }  // namespace hx::ipc
 
 #endif

@@ -49,7 +49,7 @@ void add_tag(json_object *reply, json_object *request)
 {
 	json_object *tag;
 	if (json_object_object_get_ex(request, "tag", &tag))
-		json_object_object_add(reply, "tag", json_object_get(tag));
+		json_object_object_add_ex(reply, "tag", json_object_get(tag), JSON_C_OBJECT_KEY_IS_CONSTANT);
 }
 
 // The reply with its empty "arguments" (after the tag when with_tag); empty
@@ -64,7 +64,7 @@ Ptr reply_new(json_object *request, bool with_tag, json_object **reply_arguments
 	if (with_tag)
 		add_tag(reply.get(), request);
 	*reply_arguments = arguments.get();
-	hx::json::add(reply.get(), "arguments", std::move(arguments));
+	hx::json::add_lasting(reply.get(), "arguments", std::move(arguments));
 	return reply;
 }
 
@@ -101,7 +101,8 @@ void request_exec(json_object *request, ipc_reply_func reply_func, void *client,
 		return;
 	if (error == nullptr)
 		error = method->handler(hx::json::member(request, "arguments"), arguments, nullptr);
-	hx::json::add_string(reply.get(), "result", error != nullptr ? error : "success");
+	hx::json::add_lasting(reply.get(), "result",
+			      Ptr(json_object_new_string(error != nullptr ? error : "success")));
 	add_tag(reply.get(), request);
 	reply_func(reply.get(), client);
 }
@@ -134,9 +135,10 @@ ssize_t ipc_request_exec_json(const char *text, ssize_t length, ipc_reply_func r
 {
 	if (length < 0)
 		length = static_cast<ssize_t>(strlen(text));
-	json_tokener_error error;
-	Ptr request(json_tokener_parse_verbose(text, &error));
-	if (error != json_tokener_success) {
+	// json_tokener_parse_verbose, with the loop's tokener.
+	json_tokener *tok = hx::json::loop_tokener();
+	Ptr request(tok != nullptr ? json_tokener_parse_ex(tok, text, -1) : nullptr);
+	if (tok == nullptr || json_tokener_get_error(tok) != json_tokener_success) {
 		errno = EINVAL;
 		return -1;
 	}

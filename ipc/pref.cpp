@@ -11,17 +11,20 @@
 namespace {
 
 using hx::json::Ptr;
-using Tokener = hx::Owned<json_tokener, json_tokener_free>;
 using Record = hx::Owned<char, free>;
 
-// What json_tokener_parse makes of the stored text, with the caller's
-// tokener (one serves every value of a request).  The text is read in place:
+// What json_tokener_parse makes of the stored text, with the loop's
+// tokener.  The text is read in place:
 // the NUL that ends the parse is fed apart when a script stored the value
 // without it.
-Ptr parse_value(json_tokener *tok, const datum &value)
+Ptr parse_value(const datum &value)
 {
 	int len = static_cast<int>(strnlen(value.dptr, static_cast<size_t>(value.dsize)));
-	json_tokener_reset(tok);
+	if (Ptr plain = hx::ipc::plain_value(std::string_view(value.dptr, static_cast<size_t>(len))))
+		return plain;
+	json_tokener *tok = hx::json::loop_tokener();
+	if (tok == nullptr)
+		return nullptr;
 	Ptr parsed(json_tokener_parse_ex(tok, value.dptr, len < value.dsize ? len + 1 : len));
 	if (json_tokener_get_error(tok) == json_tokener_continue)
 		parsed.reset(json_tokener_parse_ex(tok, "", 1));
@@ -35,9 +38,8 @@ bool get_confs(json_object *names, json_object *confs)
 	hx::conf::Db db = hx::conf::open_reader(hx::conf::path(hx::conf::Store::sysconf));
 	if (!db)
 		return false;
-	Tokener tok(json_tokener_new());
 	size_t n = json_object_array_length(names);
-	for (size_t i = 0; tok && i < n; i++) {
+	for (size_t i = 0; i < n; i++) {
 		const char *name = hx::json::text(json_object_array_get_idx(names, i));
 		if (name == nullptr)
 			continue;
@@ -45,8 +47,8 @@ bool get_confs(json_object *names, json_object *confs)
 		Record owner(value.dptr);
 		if (value.dptr == nullptr)
 			continue;
-		if (Ptr parsed = parse_value(tok.get(), value))
-			hx::json::add(confs, name, std::move(parsed));
+		if (Ptr parsed = parse_value(value))
+			hx::json::add_lasting(confs, name, std::move(parsed));	// the request outlives its reply
 	}
 	return true;
 }
@@ -68,7 +70,7 @@ json_object *add_object(json_object *reply, const char *name)
 	if (object == nullptr)
 		puts("json_object_new_object failed.");
 	else
-		json_object_object_add(reply, name, object);
+		json_object_object_add_ex(reply, name, object, JSON_C_OBJECT_KEY_IS_CONSTANT);
 	return object;
 }
 
@@ -90,6 +92,37 @@ const char *set_confs(GDBM_FILE db, json_object *confs)
 }
 
 }  // namespace
+
+namespace hx::ipc {
+
+// Each json-c parse switches the locale (duplocale, newlocale, freelocale):
+// once per stored value that was the larger part of a pref-get's time.
+Ptr plain_value(std::string_view text)
+{
+	if (text.size() >= 2 && text.front() == '"' && text.back() == '"') {
+		std::string_view inner = text.substr(1, text.size() - 2);
+		for (unsigned char c : inner)
+			if (c < 0x20 || c > 0x7e || c == '"' || c == '\\')
+				return nullptr;
+		return Ptr(json_object_new_string_len(inner.data(), static_cast<int>(inner.size())));
+	}
+	if (text == "true" || text == "false")
+		return Ptr(json_object_new_boolean(text == "true"));
+	std::string_view digits = text.substr(!text.empty() && text.front() == '-');
+	if (digits.empty() || digits.size() > 18 || (digits.front() == '0' && digits.size() > 1))
+		return nullptr;
+	int64_t n = 0;
+	for (char c : digits) {
+		if (c < '0' || c > '9')
+			return nullptr;
+		n = n * 10 + (c - '0');
+	}
+	if (digits.front() == '0' && digits.size() < text.size())
+		return nullptr;	// "-0" is left to json-c
+	return Ptr(json_object_new_int64(digits.size() < text.size() ? -n : n));
+}
+
+}  // namespace hx::ipc
 
 const char *prefGet(json_object *arguments, json_object *reply_arguments, void *idle_data)
 {

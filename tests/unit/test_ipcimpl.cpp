@@ -281,3 +281,33 @@ TEST(OutOfMemory, TheRequestIsDroppedAndTheNextOneAnswered)
 }
 
 }  // namespace
+
+// The stored values pref-get answers without json-c's tokener must come out
+// exactly as the tokener's; everything else must be left to it.
+TEST(PlainValues, SameObjectAsTheTokenerOrNone)
+{
+	struct Case {
+		const char *text;
+		bool plain;
+	};
+	constexpr Case cases[] = {
+		{"\"on\"", true}, {"\"\"", true}, {"\"192.168.100.1\"", true}, {"\"a/b c~\"", true},
+		{"0", true}, {"42", true}, {"-7", true}, {"123456789012345678", true},
+		{"true", true}, {"false", true},
+		{"-0", false}, {"007", false}, {"1.5", false}, {"1e3", false}, {"1234567890123456789", false},
+		{"-", false}, {"", false}, {"null", false}, {"\"a\\\"b\"", false}, {"\"\xc3\xa9\"", false},
+		{"\"tab\there\"", false}, {"\"on\" ", false}, {" \"on\"", false}, {"\"on", false},
+		{"[ 1, 2 ]", false}, {"{ \"a\": 1 }", false}, {"True", false}, {"1 2", false},
+	};
+	for (const Case &c : cases) {
+		hx::json::Ptr plain = hx::ipc::plain_value(c.text);
+		ASSERT_EQ(plain != nullptr, c.plain) << c.text;
+		if (!plain)
+			continue;
+		hx::json::Ptr parsed = hx::json::parse(c.text);
+		ASSERT_TRUE(parsed) << c.text;
+		EXPECT_EQ(json_object_get_type(plain.get()), json_object_get_type(parsed.get())) << c.text;
+		EXPECT_STREQ(json_object_to_json_string(plain.get()), json_object_to_json_string(parsed.get()))
+			<< c.text;
+	}
+}
