@@ -35,7 +35,11 @@ const char *path(Store store)
 	return set != nullptr ? set : file[static_cast<size_t>(store)];
 }
 
-Db open_reader(const char *path) { return Db(gdbm_open(path, 0, GDBM_READER, 0664, nullptr)); }
+Db open_reader(const char *path, Reads reads)
+{
+	int flags = GDBM_READER | (reads == Reads::many ? 0 : GDBM_NOMMAP);
+	return Db(gdbm_open(path, 0, flags, 0664, nullptr));
+}
 Db open_writer(const char *path) { return Db(gdbm_open(path, 0, GDBM_WRCREAT | GDBM_NOMMAP, 0664, nullptr)); }
 
 std::optional<std::string> get(const char *path, const char *key)

@@ -31,10 +31,15 @@ struct CloseDb {
 };
 using Db = std::unique_ptr<std::remove_pointer_t<GDBM_FILE>, CloseDb>;
 
-// gdbm_open with default block size, no fatal callback, no mmap (read(2) is
-// cheaper for files this small), as reader or as writer-create with mode
-// 0664.  Empty when the file cannot be opened.
-Db open_reader(const char *path);
+// How many records a reader fetches: a few are cheapest read with read(2)
+// (two calls a record, no page faults); many with the file mapped once,
+// which keeps a pref-get of many keys at a fixed number of system calls.
+enum class Reads { few, many };
+
+// gdbm_open with default block size and no fatal callback, as reader or as
+// writer-create with mode 0664 (a writer reads and writes with read(2) and
+// write(2)).  Empty when the file cannot be opened.
+Db open_reader(const char *path, Reads reads = Reads::few);
 Db open_writer(const char *path);
 
 // A key as stored: its text with the terminating NUL.

@@ -35,7 +35,8 @@ Ptr parse_value(const datum &value)
 // store; false when it cannot be opened.
 bool get_confs(json_object *names, json_object *confs)
 {
-	hx::conf::Db db = hx::conf::open_reader(hx::conf::path(hx::conf::Store::sysconf));
+	hx::conf::Db db = hx::conf::open_reader(hx::conf::path(hx::conf::Store::sysconf),
+						  hx::conf::Reads::many);
 	if (!db)
 		return false;
 	size_t n = json_object_array_length(names);

@@ -73,7 +73,7 @@ int open_failed(const char *path)
 // mode 0664 less the umask), else no_store with the reason.
 int check_open(const char *path, bool writer)
 {
-	return (writer ? hx::conf::open_writer : hx::conf::open_reader)(path) ? ok : open_failed(path);
+	return (writer ? hx::conf::open_writer(path) : hx::conf::open_reader(path)) ? ok : open_failed(path);
 }
 
 // Stores text (plus its NUL) under key in a store checked writable.
