@@ -39,7 +39,7 @@ int confIndexInit()
 		return -1;
 	}
 	datum key = gdbm_firstkey(db.get());
-	hx::Owned<char, free> owner(key.dptr);
+	hx::conf::Record owner(key.dptr);
 	for (size_t n = 0; owner && n < index_size; n++) {
 		std::string name(key.dptr, static_cast<size_t>(key.dsize));
 		// c_str(): the text up to a NUL, within the key's size

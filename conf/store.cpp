@@ -46,7 +46,7 @@ std::optional<std::string> get(const char *path, const char *key)
 {
 	Db db = open_reader(path);
 	datum value = db ? gdbm_fetch(db.get(), key_datum(key)) : datum{nullptr, 0};
-	Owned<char, free> record(value.dptr);	// gdbm hands out malloc'ed records
+	Record record(value.dptr);
 	if (value.dptr == nullptr || value.dsize <= 0 || value.dptr[0] == '\0')
 		return std::nullopt;
 	return std::string(value.dptr, strnlen(value.dptr, static_cast<size_t>(value.dsize)));

@@ -7,6 +7,7 @@
 
 #include <gdbm.h>
 #include <stdarg.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <memory>
@@ -41,6 +42,9 @@ enum class Reads { few, many };
 // write(2)).  Empty when the file cannot be opened.
 Db open_reader(const char *path, Reads reads = Reads::few);
 Db open_writer(const char *path);
+
+// A record gdbm hands out (malloc'ed).
+using Record = Owned<char, free>;
 
 // A key as stored: its text with the terminating NUL.
 inline datum key_datum(const char *key) { return datum{const_cast<char *>(key), static_cast<int>(strlen(key)) + 1}; }

@@ -8,20 +8,20 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <event.h>
 
 #include <map>
 #include <new>
 #include <utility>
 
 #include "core/console.h"
+#include "core/event.h"
 #include "core/hxassert.h"
 #include "core/json.h"
 #include "core/owned.h"
 #include "ipc/ipc.h"
 
-using EventPtr = hx::Owned<event, event_free>;
-using BufferEvent = hx::Owned<bufferevent, bufferevent_free>;
+using hx::EventPtr;
+using BufferEvent = hx::BufferEventPtr;
 
 // One accepted connection.  The bufferevent goes before its descriptor
 // is closed (members are destroyed in reverse order).
@@ -117,16 +117,6 @@ int fail(const char *message)
 	return -1;
 }
 
-// libevent freezes the end of a bufferevent's input outside its own reads:
-// thawed for the one zero byte that makes the request a C string.
-bool input_terminate(evbuffer *input)
-{
-	evbuffer_unfreeze(input, 0);
-	int r = evbuffer_add(input, "", 1);
-	evbuffer_freeze(input, 0);
-	return r == 0;
-}
-
 }  // namespace
 
 // The one routine that closes a connection.
@@ -161,7 +151,7 @@ static void doread(bufferevent *bev, void *arg)
 	hx_assert("hxsrvd", !g_exiting);
 	evbuffer *input = bufferevent_get_input(bev);
 	size_t len = evbuffer_get_length(input);
-	if (!input_terminate(input))
+	if (!hx::terminate_input(input))
 		return byebye(bev, EVBUFFER_ERROR, arg);
 	const char *data = reinterpret_cast<const char *>(evbuffer_pullup(input, -1));
 	if (debug) {

@@ -10,12 +10,12 @@
 #include <string.h>
 #include <unistd.h>
 
-#include <event.h>
 
 #include <array>
 #include <utility>
 
 #include "core/console.h"
+#include "core/event.h"
 #include "core/fmt.h"
 #include "core/owned.h"
 #include "core/server.h"
@@ -24,7 +24,7 @@
 
 namespace {
 
-using EventPtr = hx::Owned<event, event_free>;
+using hx::EventPtr;
 
 constexpr const char *lock_path = "/var/tmp/socket.lock";
 constexpr const char *socket_path = "/var/tmp/socket";

@@ -11,7 +11,7 @@
 namespace {
 
 using hx::json::Ptr;
-using Record = hx::Owned<char, free>;
+using hx::conf::Record;
 
 // What json_tokener_parse makes of the stored text, with the loop's
 // tokener.  The text is read in place:

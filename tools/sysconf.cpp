@@ -125,7 +125,7 @@ int set(const Options &opt, Args words)
 }
 
 // gdbm hands out malloc'ed records.
-using Record = hx::Owned<char, free>;
+using hx::conf::Record;
 
 // A record's text: up to its first NUL, or its stored size.
 std::string text_of(datum d)

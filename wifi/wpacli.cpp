@@ -4,7 +4,6 @@
 #include "wifi/wpacli.h"
 
 #include <dirent.h>
-#include <event.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -14,6 +13,7 @@
 #include <string>
 #include <string_view>
 
+#include "core/event.h"
 #include "core/owned.h"
 #include "core/server.h"
 #include "core/util.h"
@@ -22,7 +22,7 @@
 namespace {
 
 using Ctrl = hx::Owned<wpa_ctrl, wpa_ctrl_close>;
-using Reader = hx::Owned<bufferevent, bufferevent_free>;
+using Reader = hx::BufferEventPtr;
 
 constexpr const char *ctrl_dir = "/var/run/wpa_supplicant";
 constexpr size_t reply_max = 2048;
@@ -69,11 +69,7 @@ std::optional<std::string> choose_ifname()
 void read_events(bufferevent *bev, void *)
 {
 	evbuffer *in = EVBUFFER_INPUT(bev);
-	// libevent 2 freezes the input's end outside its own reads.
-	evbuffer_unfreeze(in, 0);
-	int added = evbuffer_add(in, "", 1);
-	evbuffer_freeze(in, 0);
-	if (added != 0)
+	if (!hx::terminate_input(in))
 		return;
 	wpa_cli_event_dispatch(reinterpret_cast<const char *>(evbuffer_pullup(in, -1)));
 	evbuffer_drain(in, evbuffer_get_length(in));
