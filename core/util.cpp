@@ -9,6 +9,7 @@
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/time.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -162,6 +163,16 @@ int do_systemf(size_t size, const char *format, ...)
 		return -1;
 	do_system(command);
 	return 0;
+}
+
+bool script_succeeds(const char *command, const char *what)
+{
+	int status = do_system(command);
+	if (WIFEXITED(status))
+		return WEXITSTATUS(status) == 0;
+	puts(what);
+	printf("exit illegal [%d] %s\n", errno, strerror(errno));
+	return false;
 }
 
 // A path that does not fit fails before anything is created.

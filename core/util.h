@@ -35,6 +35,10 @@ int do_system(const char *command);
 // do_system of the formatted command when it is shorter than size bytes:
 // 0 when it ran (whatever its status), -1 when it did not fit (nothing run).
 int do_systemf(size_t size, const char *format, ...) __attribute__((format(printf, 2, 3)));
+// Runs a script judged by its exit status: true when it exited 0.  One that
+// did not exit (ended by a signal, or no shell) prints what and errno as it
+// stands ("exit illegal [%d] %s").
+bool script_succeeds(const char *command, const char *what);
 
 // Creates every missing directory of path (at most 1023 bytes with a
 // trailing '/'): 0, or -1.

@@ -2,11 +2,9 @@
 // library, the battery gauge, and the charger test script.
 #include "pm/pm.h"
 
-#include <errno.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/wait.h>
 
 #include <pmApi.h>
 
@@ -98,16 +96,9 @@ constexpr hx::ipc::Action sleep_timeout_actions[] = {
 	{"start", hx::ipc::run<apply_sleep_timeout>},
 };
 
-// Judged by the script's exit status; one ended by a signal prints errno
-// as it stands.
 const char *charger_test(json_object *)
 {
-	int status = do_system("/etc/app/gw_check_charger.sh");
-	if (WIFEXITED(status))
-		return WEXITSTATUS(status) == 0 ? nullptr : "fail";
-	puts("charger test error");
-	printf("exit illegal [%d] %s\n", errno, strerror(errno));
-	return "fail";
+	return script_succeeds("/etc/app/gw_check_charger.sh", "charger test error") ? nullptr : "fail";
 }
 
 constexpr hx::ipc::Action charger_actions[] = {

@@ -1,9 +1,7 @@
 // The targets "disk_unlock" (a drive's password to the disk-unlock
 // library) and "safely_remove" (the platform's removal script).
-#include <errno.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/wait.h>
 
 #include <optional>
 
@@ -58,8 +56,6 @@ const char *_revalidate_diskUnlock(json_object *args, json_object *response, voi
 	return nullptr;
 }
 
-// Judged by the script's exit status; one ended by a signal prints errno
-// as it stands.
 const char *_revalidate_safelyRemove(json_object *args, json_object *, void *)
 {
 	if (const char *error = hx::ipc::check_target(args, "Invalid argument."))
@@ -69,10 +65,5 @@ const char *_revalidate_safelyRemove(json_object *args, json_object *, void *)
 		json::is(disk, json_type_string) ? remove_command(json::text(disk)) : std::nullopt;
 	if (!command)
 		return "fail";
-	int status = do_system(command->c_str());
-	if (WIFEXITED(status))
-		return WEXITSTATUS(status) == 0 ? nullptr : "fail";
-	puts("safely remove script error");
-	printf("exit illegal [%d] %s\n", errno, strerror(errno));
-	return "fail";
+	return script_succeeds(command->c_str(), "safely remove script error") ? nullptr : "fail";
 }
