@@ -1,55 +1,36 @@
-/* The input as a backup file through conf_to_db (Part 3.2); when it is
- * accepted, db_to_conf of the store written must give back the input with
- * its reserved header bytes zeroed.  All three files are memfds: nothing
- * touches the file system. */
-#include <stdint.h>
-#include <stdlib.h>
-#include <string.h>
-#include <unistd.h>
+// The input as a backup file through conf_to_db; when it is accepted,
+// db_to_conf of the store written must give back the input with its
+// reserved header bytes zeroed.  All three files are memfds: nothing
+// touches the file system.
+#include <string>
 
 #include "conf/backup.h"
 #include "fuzz/fuzzutil.h"
 
-int LLVMFuzzerInitialize(int *argc, char ***argv);
-int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
+namespace {
 
-static struct memfile conf, db, again;
+using hx::conf::backup_header_size;
 
-int
-LLVMFuzzerInitialize(int *argc, char ***argv)
+struct Files {
+	hx::fuzz::MemFile backup{"backup.conf"}, store{"sysconf.gdbm"}, again{"again.conf"};
+};
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-	(void)argc;
-	(void)argv;
-	memfile_open(&conf, "backup.conf");
-	memfile_open(&db, "sysconf.gdbm");
-	memfile_open(&again, "again.conf");
-	return 0;
-}
-
-/* The file written by db_to_conf equals data with bytes 8..31 zeroed. */
-static void
-check_round_trip(const uint8_t *data, size_t size)
-{
-	uint8_t *got = malloc(size + 1), *want = malloc(size);
-
-	if (got == NULL || want == NULL)
-		abort();
-	memcpy(want, data, size);
-	memset(want + 8, 0, hx::conf::backup_header_size - 8);
-	if (db_to_conf(db.path, again.path) != 0 ||
-	    pread(again.fd, got, size + 1, 0) != (ssize_t)size ||
-	    memcmp(got, want, size) != 0)
-		abort();
-	free(got);
-	free(want);
-}
-
-int
-LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
-{
-	memfile_set(&conf, data, size);
-	memfile_set(&db, NULL, 0);
-	if (conf_to_db(db.path, conf.path) == 0)
-		check_round_trip(data, size);
+	static Files files;
+	hx::fuzz::Bytes input(data, size);
+	files.backup.set(input);
+	files.store.set({});
+	if (conf_to_db(files.store.path(), files.backup.path()) != 0)
+		return 0;
+	if (size < backup_header_size)
+		hx::fuzz::fail("a file shorter than the header was accepted");
+	std::string want(hx::fuzz::text(input));
+	want.replace(8, backup_header_size - 8, backup_header_size - 8, '\0');
+	if (db_to_conf(files.store.path(), files.again.path()) != 0 ||
+	    files.again.contents() != want)
+		hx::fuzz::fail("the store written does not give back the backup file");
 	return 0;
 }

@@ -1,33 +1,39 @@
-/* "iwlist mlan0 scan" output through scan_parse_iwlist, and each of its
- * lines (any length) through scan_parse_line. */
-#include <stdint.h>
-#include <stdlib.h>
-#include <string.h>
-
+// "iwlist mlan0 scan" output through the scan parser: read as the scan
+// thread reads it (whole lines of the 256-byte buffer), then each line of
+// any length.  The list keeps at most 64 cells, each with an SSID of at
+// most 32 bytes and a BSSID that is empty or a MAC address.
 #include "fuzz/fuzzutil.h"
+#include "wifi/lines.h"
 #include "wifi/scan.h"
 
-int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
+namespace {
 
-static void
-check_list(const struct scan_list *list)
+using hx::wifi::parse_scan_line;
+using hx::wifi::ScanList;
+
+void check(const ScanList &list)
 {
-	if (list->count < 0 || list->count > SCAN_CELL_MAX)
-		abort();
+	if (list.cells.size() > hx::wifi::scan_cell_max)
+		hx::fuzz::fail("more cells than the list keeps");
+	for (const hx::wifi::ScanCell &cell : list.cells) {
+		if (cell.ssid.size() > 32)
+			hx::fuzz::fail("an SSID longer than 32 bytes");
+		if (!cell.bssid.empty() && (cell.bssid.size() != 17 || !hx::wifi::is_mac_prefix(cell.bssid)))
+			hx::fuzz::fail("a BSSID that is no MAC address");
+	}
 }
 
-int
-LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
-{
-	static struct scan_list list;
-	char *text = fuzz_text(data, size), *line, *rest;
+}  // namespace
 
-	scan_parse_iwlist(text, &list);
-	check_list(&list);
-	memset(&list, 0, sizeof(list));
-	for (rest = text; (line = strsep(&rest, "\n")) != NULL;)
-		scan_parse_line(line, &list);
-	check_list(&list);
-	free(text);
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+	hx::fuzz::Bytes input(data, size);
+	ScanList read, split;
+	hx::wifi::each_line(hx::fuzz::stream(input).get(),
+			    [&](std::string_view line) { parse_scan_line(line, read); });
+	check(read);
+	hx::fuzz::each_line(hx::fuzz::text(input),
+			    [&](std::string_view line) { parse_scan_line(line, split); });
+	check(split);
 	return 0;
 }

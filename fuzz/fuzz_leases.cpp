@@ -1,35 +1,23 @@
-/* The lines of dnsmasq's lease file through the s_dhcpleases line parser
- * (ipc/info_parse.cpp), read as the item reads them: fgets with 4096 bytes. */
-#include <stdint.h>
+// The lines of dnsmasq's lease file through the s_dhcpleases line parser,
+// read as the item reads them (fgets into 4096 bytes); the array built must
+// render as JSON that parses back.
 #include <stdio.h>
-#include <stdlib.h>
 
-#include <json-c/json.h>
-
+#include "core/json.h"
+#include "fuzz/fuzzutil.h"
 #include "ipc/info_parse.h"
 
-int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
-
-int
-LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-	struct json_object *array = json_object_new_array(), *parsed;
-	FILE *fp = fmemopen((void *)data, size, "r");
-	char line[4096];
-
-	if (array == NULL || fp == NULL) {
-		json_object_put(array);
-		if (fp != NULL)
-			fclose(fp);
+	hx::json::Ptr array(json_object_new_array());
+	if (!array)
 		return 0;
-	}
-	while (fgets(line, sizeof(line), fp) != NULL && hx::ipc::lease_line(line, array))
+	hx::FilePtr file = hx::fuzz::stream({data, size});
+	char line[4096];
+	while (fgets(line, sizeof(line), file.get()) != nullptr &&
+	       hx::ipc::lease_line(line, array.get()))
 		;
-	parsed = json_tokener_parse(json_object_to_json_string(array));
-	if (parsed == NULL)
-		abort();
-	json_object_put(parsed);
-	fclose(fp);
-	json_object_put(array);
+	if (!hx::json::parse(json_object_to_json_string(array.get())))
+		hx::fuzz::fail("the lease array does not render as JSON");
 	return 0;
 }

@@ -1,50 +1,40 @@
-/* One request text through the daemon's dispatch: every method, status
- * item and revalidate target.  Runs only inside the device sandbox
- * (fuzz/run), linked with the seam (fuzz/seam.c). */
-#include <stdint.h>
-#include <stdlib.h>
-
+// One request text through the daemon's dispatch: every method, status item
+// and revalidate target.  Runs only inside the device sandbox (fuzz/run),
+// with the seam in place of the shell.
 #include <event.h>
-#include <json-c/json.h>
 
+#include <string>
+
+#include "core/json.h"
 #include "core/server.h"
 #include "fuzz/fuzzutil.h"
 #include "fuzz/seam.h"
 #include "ipc/ipc.h"
 
-int LLVMFuzzerInitialize(int *argc, char ***argv);
-int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
+namespace {
 
-int
-LLVMFuzzerInitialize(int *argc, char ***argv)
+// A reply must render as JSON that parses back to an object.
+void check_reply(json_object *reply, void *)
 {
-	(void)argc;
-	(void)argv;
-	seam_require_sandbox("fuzz_request");
+	hx::json::Ptr parsed = hx::json::parse(json_object_to_json_string(reply));
+	if (!hx::json::is(parsed.get(), json_type_object))
+		hx::fuzz::fail("a reply that is not a JSON object");
+}
+
+}  // namespace
+
+// As the daemon starts: the event base, the connection server, the indexes.
+int LLVMFuzzerInitialize(int *, char ***)
+{
+	hx::fuzz::require_sandbox("fuzz_request");
 	server_init(event_init());
 	ipc_init();
 	return 0;
 }
 
-/* A reply must render as JSON that parses back to an object. */
-static void
-reply_check(struct json_object *reply, void *client)
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-	const char *text = json_object_to_json_string(reply);
-	struct json_object *parsed = json_tokener_parse(text);
-
-	(void)client;
-	if (parsed == NULL || !json_object_is_type(parsed, json_type_object))
-		abort();
-	json_object_put(parsed);
-}
-
-int
-LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
-{
-	char *text = fuzz_text(data, size);
-
-	ipc_request_exec_json(text, -1, reply_check, NULL);
-	free(text);
+	std::string text(hx::fuzz::text({data, size}));
+	ipc_request_exec_json(text.c_str(), static_cast<ssize_t>(text.size()), check_reply, nullptr);
 	return 0;
 }

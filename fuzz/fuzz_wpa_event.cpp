@@ -1,46 +1,43 @@
-/* One supplicant event message ("<N>TEXT") through wpa_cli_event_dispatch
- * into the station's and the TDLS handlers.  The handlers write the
- * stores and run commands, so this target runs inside the device sandbox
- * (fuzz/run) and is linked with the seam. */
-#include <stdint.h>
-#include <stdlib.h>
+// One supplicant event message ("<N>TEXT") through wpa_cli_event_dispatch
+// into the station's and the TDLS handlers.  The handlers write the stores
+// and run commands, so this target runs only inside the device sandbox
+// (fuzz/run), with the seam in place of the shell.
+#include <string>
 
 #include "fuzz/fuzzutil.h"
 #include "fuzz/seam.h"
-#include "wifi/wifi.h"
+#include "net/lanwan.h"
+#include "wifi/scan.h"
+#include "wifi/sta.h"
 
-int LLVMFuzzerInitialize(int *argc, char ***argv);
-int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
+namespace {
 
-static int
-tdls_handler(const char *event, const char *arg, struct wpa_cli_eh *slot)
+int tdls_handler(const char *event, const char *arg, wpa_cli_eh *slot)
 {
 	wpa_tdls_event_handler(event, arg, slot);
 	return 0;
 }
 
-/* No supplicant answers in the sandbox: wpa_cli_init fails but leaves its
- * record in place (Part 5.1), so the handlers wifi_sta_wpa_if_init would
- * register can be registered on it. */
-int
-LLVMFuzzerInitialize(int *argc, char ***argv)
+}  // namespace
+
+// No supplicant answers in the sandbox: wpa_cli_init fails but leaves its
+// client record in place, so the handlers that wifi_sta_wpa_if_init
+// registers can be registered on it.  The station reaches the WAN through
+// the link that the daemon's start-up installs.
+int LLVMFuzzerInitialize(int *, char ***)
 {
-	(void)argc;
-	(void)argv;
-	seam_require_sandbox("fuzz_wpa_event");
+	hx::fuzz::require_sandbox("fuzz_wpa_event");
+	hx::net::lanwan_init();
 	wpa_cli_init();
 	if (wpa_cli_eh_register("CTRL", wpa_ctrl_event_handler) != 0 ||
 	    wpa_cli_eh_register("TDLS", tdls_handler) != 0)
-		abort();
+		hx::fuzz::fail("the handlers cannot be registered");
 	return 0;
 }
 
-int
-LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-	char *msg = fuzz_text(data, size);
-
-	wpa_cli_event_dispatch(msg);
-	free(msg);
+	std::string message(hx::fuzz::text({data, size}));
+	wpa_cli_event_dispatch(message.c_str());
 	return 0;
 }

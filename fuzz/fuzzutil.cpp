@@ -1,41 +1,65 @@
-/* See fuzzutil.h. */
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
-#include <sys/mman.h>
-#include <unistd.h>
-
+// See fuzzutil.h.
 #include "fuzz/fuzzutil.h"
 
-char *
-fuzz_text(const uint8_t *data, size_t size)
-{
-	char *text = malloc(size + 1);
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 
-	if (text == NULL)
-		abort();
-	memcpy(text, data, size);
-	text[size] = '\0';
-	return text;
+#include "core/fmt.h"
+
+namespace hx::fuzz {
+namespace {
+
+[[noreturn]] void system_fail(const char *what)
+{
+	perror(what);
+	abort();
 }
 
-void
-memfile_open(struct memfile *file, const char *name)
+}  // namespace
+
+FilePtr stream(Bytes data)
 {
-	file->fd = memfd_create(name, 0);
-	if (file->fd < 0) {
-		perror("memfd_create");
-		abort();
-	}
-	snprintf(file->path, sizeof(file->path), "/proc/self/fd/%d", file->fd);
+	// fmemopen refuses a null buffer; an empty input may come as one.
+	static uint8_t none;
+	uint8_t *bytes = data.empty() ? &none : const_cast<uint8_t *>(data.data());
+	FilePtr file(fmemopen(bytes, data.size(), "r"));
+	if (!file)
+		system_fail("fmemopen");
+	return file;
 }
 
-void
-memfile_set(struct memfile *file, const uint8_t *data, size_t size)
+void fail(const char *what)
 {
-	if (ftruncate(file->fd, 0) != 0 ||
-	    (size > 0 && pwrite(file->fd, data, size, 0) != (ssize_t)size)) {
-		perror("memfile");
-		abort();
-	}
+	fprintf(stderr, "fuzz target: %s\n", what);
+	abort();
 }
+
+MemFile::MemFile(const char *name) : fd_(memfd_create(name, MFD_CLOEXEC))
+{
+	if (!fd_)
+		system_fail("memfd_create");
+	path_ = format("/proc/self/fd/%d", fd_.get());
+}
+
+void MemFile::set(Bytes data)
+{
+	if (ftruncate(fd_.get(), 0) != 0 ||
+	    (!data.empty() && pwrite(fd_.get(), data.data(), data.size(), 0) !=
+				      static_cast<ssize_t>(data.size())))
+		system_fail("memfile");
+}
+
+std::string MemFile::contents() const
+{
+	struct stat st;
+	if (fstat(fd_.get(), &st) != 0)
+		system_fail("memfile");
+	std::string bytes(static_cast<size_t>(st.st_size), '\0');
+	if (pread(fd_.get(), bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size()))
+		system_fail("memfile");
+	return bytes;
+}
+
+}  // namespace hx::fuzz

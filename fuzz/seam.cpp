@@ -1,169 +1,149 @@
-/* See seam.h.  The linker takes these definitions before the C library's,
- * as tests/unit/testutil.c does for the unit tests; the daemon's code
- * reaches the shell only through system() and popen() (DESIGN.md 7). */
-#include <pthread.h>
+// See seam.h.  A program's own definitions come before the C library's, so
+// the daemon's code, which reaches the shell only through system() and
+// popen(), calls these.
+#include "fuzz/seam.h"
+
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/syscall.h>
-#include <sys/types.h>
 #include <time.h>
 #include <unistd.h>
 
-#include "fuzz/seam.h"
+#include <array>
+#include <mutex>
+#include <string_view>
 
-/* The sync worker runs its command on its own thread. */
-static pthread_mutex_t ring_lock = PTHREAD_MUTEX_INITIALIZER;
-static char ring[SEAM_RING_SIZE][SEAM_COMMAND_SIZE];
-static unsigned long recorded;
+#include "core/fmt.h"
 
-static void
-seam_record(const char *what, const char *command)
+namespace {
+
+struct Ring {
+	std::mutex lock;	// the sync worker runs its command on its own thread
+	std::array<std::string, hx::fuzz::seam_ring_size> calls;
+	unsigned long count = 0;
+};
+
+// Never destroyed: a worker thread may still record while the process exits.
+Ring &ring()
 {
-	pthread_mutex_lock(&ring_lock);
-	snprintf(ring[recorded % SEAM_RING_SIZE], SEAM_COMMAND_SIZE, "%s %s", what,
-		 command != NULL ? command : "(null)");
-	recorded++;
-	pthread_mutex_unlock(&ring_lock);
+	static Ring &r = *new Ring;
+	return r;
 }
 
-unsigned long
-seam_count(void)
+void record(std::string_view what, std::string_view argument)
 {
-	unsigned long n;
-
-	pthread_mutex_lock(&ring_lock);
-	n = recorded;
-	pthread_mutex_unlock(&ring_lock);
-	return n;
+	Ring &r = ring();
+	std::lock_guard lock(r.lock);
+	std::string &call = r.calls[r.count++ % r.calls.size()];
+	call.assign(what).append(" ").append(argument);
 }
 
-const char *
-seam_command(unsigned long n)
-{
-	const char *command = NULL;
+// Sleeps on the fuzzing thread return at once; other threads (libFuzzer's
+// own, the daemon's scan and sync workers) really sleep, or their loops
+// would spin.
+bool fuzzing_thread() { return gettid() == getpid(); }
 
-	pthread_mutex_lock(&ring_lock);
-	if (n < recorded && n < SEAM_RING_SIZE)
-		command = ring[(recorded - 1 - n) % SEAM_RING_SIZE];
-	pthread_mutex_unlock(&ring_lock);
-	return command;
+int real_nanosleep(const timespec *request, timespec *remain)
+{
+	return static_cast<int>(syscall(SYS_nanosleep, request, remain));
 }
 
-void
-seam_require_sandbox(const char *target)
+}  // namespace
+
+namespace hx::fuzz {
+
+unsigned long seam_count()
 {
-	if (getenv("HX_FUZZ_SANDBOX") == NULL ||
-	    access("/usr/lib/hxsim/log-argv", X_OK) != 0) {
-		fprintf(stderr, "%s: runs only inside the device sandbox (fuzz/run)\n",
-			target);
+	Ring &r = ring();
+	std::lock_guard lock(r.lock);
+	return r.count;
+}
+
+std::string seam_command(unsigned long n)
+{
+	Ring &r = ring();
+	std::lock_guard lock(r.lock);
+	if (n >= r.count || n >= r.calls.size())
+		return {};
+	return r.calls[(r.count - 1 - n) % r.calls.size()];
+}
+
+void require_sandbox(const char *target)
+{
+	if (getenv("HX_FUZZ_SANDBOX") == nullptr || access("/usr/lib/hxsim/log-argv", X_OK) != 0) {
+		fprintf(stderr, "%s: runs only inside the device sandbox (fuzz/run)\n", target);
 		abort();
 	}
 }
 
-/* A normal exit with status 0. */
-int
-system(const char *command)
+}  // namespace hx::fuzz
+
+// A normal exit with status 0.
+int system(const char *command)
 {
-	seam_record("system", command);
-	return command == NULL ? 1 : 0;
+	record("system", command != nullptr ? command : "(null)");
+	return command == nullptr ? 1 : 0;
 }
 
-/* An empty stream: the command printed nothing. */
-FILE *
-popen(const char *command, const char *type)
+// An empty stream: the command printed nothing.
+FILE *popen(const char *command, const char *)
 {
-	static char empty[1];
-
-	seam_record("popen", command);
-	(void)type;
-	return fmemopen(empty, 1, "r");
+	static char none;
+	record("popen", command != nullptr ? command : "(null)");
+	return fmemopen(&none, 0, "r");
 }
 
-int
-pclose(FILE *stream)
-{
-	return fclose(stream) == 0 ? 0 : -1;
-}
+int pclose(FILE *stream) { return fclose(stream) == 0 ? 0 : -1; }
 
-/* The parent's side only: the child's path never runs. */
-pid_t
-fork(void)
+// The parent's side only: the child's path never runs.
+pid_t fork() noexcept
 {
-	seam_record("fork", "");
+	record("fork", "");
 	return 4242;
 }
 
-/* Sleeps on the fuzzing thread return at once; other threads (libFuzzer's
- * own, the daemon's workers) really sleep, or their loops would spin. */
-static int
-seam_main_thread(void)
+unsigned int sleep(unsigned int seconds)
 {
-	return gettid() == getpid();
-}
-
-static int
-seam_real_nanosleep(const struct timespec *req, struct timespec *rem)
-{
-	return (int)syscall(SYS_nanosleep, req, rem);
-}
-
-unsigned int
-sleep(unsigned int seconds)
-{
-	struct timespec ts = { (time_t)seconds, 0 };
-
-	if (!seam_main_thread())
-		seam_real_nanosleep(&ts, NULL);
+	timespec t = {static_cast<time_t>(seconds), 0};
+	if (!fuzzing_thread())
+		real_nanosleep(&t, nullptr);
 	return 0;
 }
 
-int
-usleep(useconds_t usec)
+int usleep(useconds_t usec)
 {
-	struct timespec ts = { (time_t)(usec / 1000000), (long)(usec % 1000000) * 1000 };
-
-	if (!seam_main_thread())
-		seam_real_nanosleep(&ts, NULL);
+	timespec t = {static_cast<time_t>(usec / 1000000), static_cast<long>(usec % 1000000) * 1000};
+	if (!fuzzing_thread())
+		real_nanosleep(&t, nullptr);
 	return 0;
 }
 
-int
-nanosleep(const struct timespec *req, struct timespec *rem)
+int nanosleep(const timespec *request, timespec *remain)
 {
-	if (!seam_main_thread())
-		return seam_real_nanosleep(req, rem);
-	if (rem != NULL)
-		rem->tv_sec = rem->tv_nsec = 0;
+	if (!fuzzing_thread())
+		return real_nanosleep(request, remain);
+	if (remain != nullptr)
+		*remain = {};
 	return 0;
 }
 
-/* kill_pidfile() signals the pid read from a file the fuzzer can write. */
-int
-kill(pid_t pid, int sig)
+// The pid comes from a pid file that an input can write.
+int kill(pid_t pid, int sig) noexcept
 {
-	char text[32];
-
-	snprintf(text, sizeof(text), "%d %d", (int)pid, sig);
-	seam_record("kill", text);
+	record("kill", hx::format("%d %d", static_cast<int>(pid), sig));
 	return 0;
 }
 
-int
-clock_settime(clockid_t clock, const struct timespec *ts)
+int clock_settime(clockid_t, const timespec *) noexcept
 {
-	(void)clock;
-	(void)ts;
-	seam_record("clock_settime", "");
+	record("clock_settime", "");
 	return 0;
 }
 
-int
-execve(const char *path, char *const argv[], char *const envp[])
+// Nothing in the daemon runs a program itself: reaching this is a finding.
+int execve(const char *path, char *const[], char *const[]) noexcept
 {
-	(void)argv;
-	(void)envp;
-	seam_record("execve", path);
-	abort();	/* nothing in the daemon execs: reaching here is a finding */
+	record("execve", path);
+	abort();
 }
