@@ -297,6 +297,17 @@ def test_hanging_background_program_never_blocks(sandbox, daemon, stores_kept,
     sandbox.run(["kill", pid], check=True)
 
 
+def test_programs_inherit_no_descriptor_of_the_daemon(sandbox, daemon, stubs_restored):
+    """A started program holds neither a client's connection (its reply would
+    wait for the program), the listening socket nor the lock."""
+    listing = "/var/tmp/started-fds.txt"
+    sandbox.stub(DLNA_START, f"ls -l /proc/$$/fd > {listing}.part\nmv {listing}.part {listing}\n")
+    assert sandbox.request(DLNA_RESTART) == SUCCESS
+    wait_for(lambda: sandbox.exists(listing))
+    fds = sandbox.read_text(listing)
+    assert "socket" not in fds and "eventpoll" not in fds, fds
+
+
 # ---- the supplicant killed while a request waits for its reply ----
 
 FAKE = "/usr/lib/hxsim/fakewpa.py"
