@@ -46,6 +46,22 @@ def sh(sandbox):
 SET = [('"Trip"', b'"Trip"'), ("[1,2]", b"[ 1, 2 ]"), ('{"a":1,"b":[true,null]}', b'{ "a": 1, "b": [ true, null ] }'),
        ('"/tmp/a"', b'"\\/tmp\\/a"'), ("null", b"null"), (" 5 ", b"5"), ("1.50", b"1.50"), ("{}", b"{ }"), ("[]", b"[ ]"),
        ('"\\u00e9"', '"\u00e9"'.encode())]
+# the backup of PLAIN (a block and a tail kept in plain): magic, CRC-32C (initial 0, no final xor) of the payload,
+# 24 reserved bytes, the payload in DES-ECB under the built-in key
+HEAD, PLAIN = bytes.fromhex("1F22E788"), bytes.fromhex("0123456789ABCDEF AABB")
+KNOWN = HEAD + bytes.fromhex("271257B4") + bytes(24) + bytes.fromhex("16819FAD126F5755 AABB")
+CRC, SIZE = b"invalid configure file, crc error\n", b"invalid configure file, size error\n"
+MAGIC, BAD_MAGIC = b"magic number mismatch\n", b"invalid configure file, magic number error\n"
+IMPORTS = [  # a backup whose payload is accepted, then is no store, or refused with these lines
+    KNOWN[:8] + b"\1" + KNOWN[9:], KNOWN[:31] + b"\1" + KNOWN[32:], HEAD + bytes.fromhex("D0594EA3") + bytes(24) + b"Q",
+    (KNOWN[:4] + b"\x26" + KNOWN[5:], CRC), (KNOWN[:32] + b"\x17" + KNOWN[33:], CRC), (KNOWN[:-1] + b"\xBA", CRC),
+    (KNOWN[:4] + bytes.fromhex("4CE28A57") + KNOWN[8:], CRC), (HEAD[::-1] + KNOWN[4:], MAGIC + BAD_MAGIC), (KNOWN[:32], SIZE), (b"", SIZE)]
+
+
+def stat_fail(p):
+    return b"stat %s fail\nfailed to get file size for %s\n" % (p, p)
+
+
 NOT_JSON = ["Trip", "", "1 2", "'x'", "NaN", "[1,]", '{"a":1} x', "True", "on"]
 
 
@@ -113,6 +129,21 @@ CASES = [  # id, command line, stores and files before, (status, stdout, stderr)
      b"sysconf: cannot read /tmp/in.json: No such file or directory\nsysconf: /tmp/in.json.raw: b: empty value\n"), {S: None}),
     ("default-paths", "unset DB_FILE RT_DB_FILE INFO_DB_FILE; sysconf get lan_ipaddr && sysconf --store sysinfo get product_model"
      " && sysconf --store rtconf get lan_if", {}, (0, b'"192.168.100.1"\n"HX-R1"\n"br0"\n', b""), {}),
+    ("export", "mkdir /tmp/l && python3 -c \"import socket; socket.socket(socket.AF_UNIX).bind('/tmp/l/sock')\"; " + each(
+        f"sysconf --store sysinfo export {J} && cat {J}", f"DB_FILE={J}.e sysconf export {J}.bak && cat {J}.bak",
+                    *(f"DB_FILE={db} sysconf export {J}" for db in ("/tmp/none", "/tmp", "/tmp/l/sock")),
+                    f"sysconf --store sysinfo export /tmp/no/x", "sysconf --store sysinfo export /dev/full", f"cat {J}"),
+     {I: PLAIN, J: b"x" * 100, J + ".e": b""}, (0, KNOWN + b"0\n" + HEAD + bytes(28) + b"0\n" + stat_fail(b"/tmp/none") + b"3\n"
+     b"fread fail\nfail to read /tmp\n3\nopen file /tmp/l/sock for read fail\nfail to read /tmp/l/sock\n3\n"
+     b"open file /tmp/no/x for write fail\nfail to write /tmp/no/x\n3\nfwrite fail\nfail to write /dev/full\n3\n" + KNOWN + b"0\n", b""),
+     {}),
+    ("import-refused", each(*(f"sysconf import /tmp/l/{i:02}" for i in range(len(IMPORTS))), "sysconf import /tmp/none",
+                            "sysconf import /tmp"), {S: KEPT, **{f"/tmp/l/{i:02}": b if isinstance(b, bytes) else b[0] for i, b in enumerate(IMPORTS)}},
+     (0, b"".join(b"2\n" if isinstance(b, bytes) else b[1] + b"2\n" for b in IMPORTS) + stat_fail(b"/tmp/none") + b"2\n"
+      b"fread fail\nfail to read file header\n" + BAD_MAGIC + b"2\n", b"".join(
+         b"sysconf: /tmp/l/%02d: the payload is not a gdbm store (Unexpected end of file)\n" % i for i in range(3))), {S: KEPT}),
+    ("import", f"i=$(stat -c %i $DB_FILE); sysconf --store rtconf export {J} && umask 027 && sysconf import {J} && "
+     "[ $(stat -c %i $DB_FILE) != $i ] && stat -c %a $DB_FILE", {S: {b"old\0": b"1\0"}, R: KEPT}, (0, b"640\n", b""), {S: KEPT}),
     ("rep-no-dir", "DB_FILE=/tmp/no/x.gdbm sysconf rep " + N, {N: KEPT},
      E(b"cannot create a file beside /tmp/no/x.gdbm: No such file or directory", 3), {}),
     ("rep-over-dir", f"mkdir -p {S}/in && sysconf rep {N}", {N: KEPT}, E(b"cannot replace /tmp/sc.gdbm: Is a directory", 3), {}),

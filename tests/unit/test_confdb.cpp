@@ -1,4 +1,4 @@
-// The store layer's copy and swap of raw records and its JSON readers.
+// The store layer's copy and swap of raw records.
 #include "conf/confdb.h"
 
 #include <unistd.h>
@@ -8,8 +8,6 @@
 namespace {
 
 using namespace std::literals;
-using hx::conf::Error;
-using hx::conf::Store;
 using hx::test::console;
 using hx::test::fetch;
 using hx::test::put;
@@ -42,32 +40,6 @@ TEST_F(Stores, CopyAndSwapMoveRawValues)
 		EXPECT_EQ(c.swap ? sysConfSwap("a", "b") : sysConfCopy("a", "b"), c.result);
 		EXPECT_EQ(std::tuple(fetch(sysconf, "a"), fetch(sysconf, "b"), fetch(sysconf, "other"), console()),
 			  std::tuple(c.a_after, c.b_after, Opt("o\0"s), c.console));
-	}
-}
-
-// JSON text, its string form, and the form written into a generated file
-// (no newline; with missing_empty a missing key is "").
-TEST_F(Stores, StoredValuesParsedAsJsonAndText)
-{
-	const auto missing = tl::unexpected(Error::missing), bad = tl::unexpected(Error::bad_json);
-	struct {
-		std::optional<std::string_view> stored;
-		tl::expected<std::string, Error> json, text;
-		Opt file_text, file_text_or_empty;
-	} cases[] = {{"{ \"a\": [ 1, 2 ] }\0"sv, "{ \"a\": [ 1, 2 ] }", "{ \"a\": [ 1, 2 ] }", "{ \"a\": [ 1, 2 ] }", "{ \"a\": [ 1, 2 ] }"},
-		     {"\"HX-R1\"\0"sv, "\"HX-R1\"", "HX-R1", "HX-R1", "HX-R1"}, {"42"sv, "42", "42", "42", "42"},
-		     {"\"a\\nb\"\0"sv, "\"a\\nb\"", "a\nb", nullopt, nullopt}, {"word\0"sv, bad, bad, nullopt, nullopt},
-		     {"null\0"sv, bad, bad, nullopt, nullopt}, {"\0"sv, missing, missing, nullopt, ""}, {nullopt, missing, missing, nullopt, ""}};
-	for (const auto &c : cases) {
-		SCOPED_TRACE(std::string(c.stored.value_or("(none)")));
-		unlink(rtconf.c_str());
-		if (c.stored)
-			hx::test::put_raw(rtconf, "k\0"sv, *c.stored);
-		auto json = hx::conf::json(Store::rtconf, "k");
-		EXPECT_EQ(json.map([](const hx::json::Ptr &v) { return std::string(json_object_to_json_string(v.get())); }), c.json);
-		EXPECT_EQ(hx::conf::text(Store::rtconf, "k"), c.text);
-		EXPECT_EQ(hx::conf::file_text(Store::rtconf, "k"), c.file_text);
-		EXPECT_EQ(hx::conf::file_text(Store::rtconf, "k", true), c.file_text_or_empty);
 	}
 }
 
