@@ -145,14 +145,7 @@ def test_help_and_no_cpp_runtime():
     assert [s for s in syms.decode().splitlines() if "@GLIBCXX" in s or "@CXXABI" in s] == []
 
 
-@pytest.mark.parametrize("cmd, out", [
-    ("hxctl get lan_ipaddr", b'{"arguments":{"confs":{"lan_ipaddr":"192.168.100.1"},"infos":{}},"result":"success"}\n'),
-    ("hxctl set product_model=x; sysconf get product_model",
-     (0, b'{"arguments":{},"result":"internal error"}\n"HX-R1"\n', b"hxctl: internal error\n")),
-    ("hxctl set 'wl_ssid=[\"a/b\", 1]' >/dev/null && sysconf get wl_ssid", b'[ "a\\/b", 1 ]\n'),
-    ("echo '{\"method\":\"bogus\",\"arguments\":{}}' | hxctl raw",
-     (1, b'{"arguments":{},"result":"method not found"}\n', b"hxctl: method not found\n")),
-], ids=["get", "read-only", "set-json", "no-method"])
-def test_against_the_daemon(sandbox, daemon, cmd, out):
-    r = sandbox.run(["/bin/sh", "-c", cmd])
-    assert (r.returncode, r.stdout, r.stderr) == (out if isinstance(out, tuple) else (0, out, b""))
+def test_against_the_daemon(sandbox, daemon):
+    r = sandbox.run(["/bin/sh", "-c", "hxctl get lan_ipaddr; hxctl set product_model=x; sysconf get product_model"])
+    assert (r.returncode, r.stdout, r.stderr) == (0, b'{"arguments":{"confs":{"lan_ipaddr":"192.168.100.1"},"infos":{}},"result":"success"}\n'
+                                                  b'{"arguments":{},"result":"internal error"}\n"HX-R1"\n', b"hxctl: internal error\n")

@@ -113,9 +113,6 @@ CASES = [  # id, command line, stores and files before, (status, stdout, stderr)
     ("load-creates-0664", f"umask 0; sysconf load {J} && stat -c %a $DB_FILE", {J: b"{}"}, (0, b"664\n", b""), {S: {}}),
     ("not-object", "for f in /tmp/l/*; do sysconf load $f; echo $?; done", {f"/tmp/l/{i}": t for i, t in enumerate(NOT_OBJECT)},
      (0, b"2\n" * 8, b"".join(b"sysconf: /tmp/l/%d: not a JSON object\n" % i for i in range(8))), {S: None}),
-    ("raw-round-trip", f"sysconf --store rtconf --raw dump >{J} && sysconf --raw load {J}", {R: {**KEPT, b"w\0": b"on\0"}},
-     OK, {S: {**KEPT, b"w\0": b"on\0"}}),
-    ("round-trip", f"sysconf --store rtconf dump >{J} && sysconf load {J}", {R: LOADED}, OK, {S: LOADED}),
     ("usage", each(*(f"sysconf {a}" for a, _ in USAGE)), {}, (0, b"64\n" * 16, b"".join(b"sysconf: %s\n%s" % (m, TRY) for _, m in USAGE)),
      {S: None}),
     ("rep", f"i=$(stat -c %i $DB_FILE); umask 0; sysconf rep {N} && [ $(stat -c %i $DB_FILE) != $i ] && stat -c %a $DB_FILE",
@@ -157,11 +154,7 @@ def test_command(sh, sandbox, cmd, before, out, after):
     assert {p: records(sandbox, p) for p in after} == after
 
 
-def test_help_names_every_command_and_the_store_paths(sh):
+def test_help_names_the_stores_and_their_paths(sh):
     status, text, err = sh("sysconf --help && sysconf -h", {})
-    assert (status, err, text.count(b"Usage: sysconf [--store STORE] [--raw] COMMAND [ARG...]\n")) == (0, b"", 2)
-    for line in [b"\n  rep FILE\n", b"\n  export BACKUP\n", b"\n  1   the key is absent or its value empty\n",
-                 b"\n      sysconf  persistent settings, $DB_FILE, now /tmp/sc.gdbm\n", b"\n  64  usage error\n",
-                 b"\n      rtconf   run-time state, $RT_DB_FILE, now /tmp/rt.gdbm\n",
-                 b"\n      sysinfo  product information, $INFO_DB_FILE, now /tmp/si.gdbm\n"]:
-        assert text.count(line) == 2, line
+    assert (status, err, text.count(b"Usage: sysconf [--store STORE] [--raw] COMMAND [ARG...]\n"), text.count(b", now /tmp/")) == (0, b"", 2, 6)
+    assert b"\n      rtconf   run-time state, $RT_DB_FILE, now /tmp/rt.gdbm\n" in text and text.endswith(b"\n  64  usage error\n")
