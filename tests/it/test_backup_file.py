@@ -38,16 +38,13 @@ def export(sandbox, data=None):
 KILL_SHELL = 'if [ "$(cat /proc/$PPID/comm)" = sh ]; then kill -KILL $PPID; else kill -KILL $$; fi\n'
 
 
-@pytest.mark.parametrize("make, stub, out, outcome", [
-    (lambda sb: export(sb), None, b"sysconf success\n", "restored"),
+@pytest.mark.parametrize("make, stub, out, outcome", [(lambda sb: export(sb), None, b"sysconf success\n", "restored"),
     (lambda sb: export(sb)[:40] + bytes([export(sb)[40] ^ 1]) + export(sb)[41:], None, CRC, "kept"),
-    (lambda sb: HEAD[::-1] + export(sb)[4:], None, MAGIC, "kept"),
-    (lambda sb: export(sb)[:32], None, SIZE, "kept"),
+    (lambda sb: HEAD[::-1] + export(sb)[4:], None, MAGIC, "kept"), (lambda sb: export(sb)[:32], None, SIZE, "kept"),
     (lambda sb: None, None, b"stat %s fail\nfailed to get file size for %s\n" % (UPFILE.encode(), UPFILE.encode()), "kept"),
     (lambda sb: sb.write(LOCK, b"") or export(sb), None, b"upfile locked\n", "kept"),
     (lambda sb: os.mkdir(sb.path(NEW)) or export(sb), None, b"open file %s for write fail\nfail to write %s\n" % (
-        NEW.encode(), NEW.encode()), "kept"),
-    (lambda sb: export(sb, bytes(range(21))), None, b"system fail, ret=2\n", "converted"),
+        NEW.encode(), NEW.encode()), "kept"), (lambda sb: export(sb, bytes(range(21))), None, b"system fail, ret=2\n", "converted"),
     (lambda sb: export(sb), "exit 7\n", b"system fail, ret=7\n", "converted"),
     (lambda sb: export(sb), "kill -KILL $$\n", b"system fail, ret=137\n", "converted"),  # the shell forked for it
     (lambda sb: export(sb), KILL_SHELL, b"system fail\n", "converted"),

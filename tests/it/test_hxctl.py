@@ -78,12 +78,10 @@ REPLY = b'{ "arguments": { "confs": { "l": [ 1, 2 ], "p": "\\/tmp", "e": { } } }
 COMPACT = (0, b'{"arguments":{"confs":{"l":[1,2],"p":"\\/tmp","e":{}}},"result":"success","tag":7}\n', b"")
 
 
-@pytest.mark.parametrize("args, pieces, close, out", [
-    ("", [REPLY], False, COMPACT),
+@pytest.mark.parametrize("args, pieces, close, out", [("", [REPLY], False, COMPACT),
     ("-p", [REPLY], False, (0, b'{\n  "arguments":{\n    "confs":{\n      "l":[\n        1,\n        2\n      ],\n      "p":"\\/tmp",'
                                b'\n      "e":{\n      }\n    }\n  },\n  "result":"success",\n  "tag":7\n}\n', b"")),
-    ("", [REPLY[:20], REPLY[20:50], REPLY[50:]], False, COMPACT),
-    ("", [SUCCESS + b'{ "result": "internal error" }'], False, OK),
+    ("", [REPLY[:20], REPLY[20:50], REPLY[50:]], False, COMPACT), ("", [SUCCESS + b'{ "result": "internal error" }'], False, OK),
     ("", [b'{"result":"internal error"}'], False, (1, b'{"result":"internal error"}\n', b"hxctl: internal error\n")),
     ("", [b'{ "result": "Open failed!\\n", "tag": "t" }'], False, (1, b'{"result":"Open failed!\\n","tag":"t"}\n', b"hxctl: Open failed!\n")),
     ("", [b'{"result":5}'], False, (1, b'{"result":5}\n', b"hxctl: 5\n")), ("", None, True, (2, b"", CLOSED)),
