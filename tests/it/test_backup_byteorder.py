@@ -1,6 +1,5 @@
-"""The backup file's numbers are little-endian on every machine: the big-endian cross build ($HX_CROSS_BUILD,
-through its emulator) and the native one ($HX_BUILD) write the same backup of a file and read each other's.  A
-store is in its writer's byte order, so each side loads its own.  Both run on the host on files in tmp_path."""
+"""The backup's numbers are little-endian everywhere: the big-endian cross build ($HX_CROSS_BUILD, through its emulator)
+and the native one ($HX_BUILD), on the host on files in tmp_path, write the same backups and read each other's."""
 import os
 import subprocess
 
@@ -8,28 +7,20 @@ import pytest
 
 from hxsim import REPO, build_command
 
-CROSS = os.environ.get("HX_CROSS_BUILD")
+CROSS, NATIVE = os.environ.get("HX_CROSS_BUILD"), os.environ.get("HX_BUILD") or os.path.join(REPO, "build")
 pytestmark = pytest.mark.skipif(not CROSS, reason="HX_CROSS_BUILD (the s390x build) is not set")
 
 
-@pytest.fixture
-def sides(tmp_path):
-    """Each build's sysconf(*args, store) -> (status, stdout, stderr), and a store of its byte order."""
-    def side(build):
-        def run(*args, store):
-            env = {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "LANG": "C", "DB_FILE": str(store),
-                   "RT_DB_FILE": str(tmp_path / "rt"), "INFO_DB_FILE": str(tmp_path / "info")}
-            r = subprocess.run([*build_command(build, "sysconf"), *args], env=env, capture_output=True, timeout=120)
-            return r.returncode, r.stdout, r.stderr
-        return run
-    native, cross = side(os.environ.get("HX_BUILD") or os.path.join(REPO, "build")), side(CROSS)
+def sysconf(build, *args, store):
+    env = {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "LANG": "C", "DB_FILE": str(store)}
+    r = subprocess.run([*build_command(build, "sysconf"), *args], env=env, capture_output=True, timeout=120)
+    return r.returncode, r.stdout, r.stderr
+
+
+def test_both_builds_write_the_same_backup_and_read_each_others(tmp_path):
+    native, cross = [lambda *args, store, b=b: sysconf(b, *args, store=store) for b in (NATIVE, CROSS)]
     le, be, factory = tmp_path / "le.gdbm", tmp_path / "be.gdbm", os.path.join(REPO, "sim", "factory", "sysconf.json")
-    assert native("load", factory, store=le) == cross("load", factory, store=be) == (0, b"", b"")
-    return native, cross, le, be
-
-
-def test_both_builds_write_the_same_backup_and_read_each_others(sides, tmp_path):
-    native, cross, le, be = sides
+    assert native("load", factory, store=le) == cross("load", factory, store=be) == (0, b"", b"")  # each its own byte order
     assert native("dump", store=le) == cross("dump", store=be) and le.read_bytes()[:4] != be.read_bytes()[:4]
     for run, store in ((native, be), (cross, le)):  # each opens only stores of its own byte order
         assert run("dump", store=store) == (3, b"", b"sysconf: cannot open %s: Byte-swapped file\n" % str(store).encode())

@@ -1,5 +1,4 @@
-"""The backup file (its bytes and sysconf's export and import: test_sysconf.py): DES as OpenSSL does it, and the
-daemon's restore of an upload with the real sysconf inside the sandbox."""
+"""The backup file's DES as OpenSSL's, and the daemon's restore of an upload with the real sysconf inside."""
 import os
 import subprocess
 
@@ -9,9 +8,7 @@ from helpers import revalidate, stdout_since
 
 UPFILE, LOCK, NEW = "/var/tmp/upfile", "/var/tmp/upfile.lock", "/var/tmp/new_sysconf.gdbm"
 CHECK_DONE, STORE, SYSCONF = "/mnt/rwdata/.db_check_done", "/mnt/rwdata/sysconf.gdbm", "/usr/bin/sysconf"
-HEAD = bytes.fromhex("1F22E788")
 CRC, SIZE = b"invalid configure file, crc error\n", b"invalid configure file, size error\n"
-MAGIC = b"magic number mismatch\ninvalid configure file, magic number error\n"
 
 
 def sysconf(sandbox, *args, **env):
@@ -35,25 +32,22 @@ def export(sandbox, data=None):
     return sandbox.read("/tmp/up.bak")
 
 
-KILL_SHELL = 'if [ "$(cat /proc/$PPID/comm)" = sh ]; then kill -KILL $PPID; else kill -KILL $$; fi\n'
-
-
-@pytest.mark.parametrize("make, stub, out, outcome", [(lambda sb: export(sb), None, b"sysconf success\n", "restored"),
-    (lambda sb: export(sb)[:40] + bytes([export(sb)[40] ^ 1]) + export(sb)[41:], None, CRC, "kept"),
-    (lambda sb: HEAD[::-1] + export(sb)[4:], None, MAGIC, "kept"), (lambda sb: export(sb)[:32], None, SIZE, "kept"),
-    (lambda sb: None, None, b"stat %s fail\nfailed to get file size for %s\n" % (UPFILE.encode(), UPFILE.encode()), "kept"),
-    (lambda sb: sb.write(LOCK, b"") or export(sb), None, b"upfile locked\n", "kept"),
-    (lambda sb: os.mkdir(sb.path(NEW)) or export(sb), None, b"open file %s for write fail\nfail to write %s\n" % (
-        NEW.encode(), NEW.encode()), "kept"), (lambda sb: export(sb, bytes(range(21))), None, b"system fail, ret=2\n", "converted"),
-    (lambda sb: export(sb), "exit 7\n", b"system fail, ret=7\n", "converted"),
-    (lambda sb: export(sb), "kill -KILL $$\n", b"system fail, ret=137\n", "converted"),  # the shell forked for it
-    (lambda sb: export(sb), KILL_SHELL, b"system fail\n", "converted"),
-], ids=["restored", "crc", "magic", "size", "no-upload", "locked", "cannot-write", "not-a-store", "rep-fails",
-        "rep-killed", "shell-killed"])
+@pytest.mark.parametrize("make, stub, out, outcome", [  # make: the upload from the backup of the store
+    (lambda sb, b: b, None, b"sysconf success\n", "restored"), (lambda sb, b: b[:40] + bytes([b[40] ^ 1]) + b[41:], None, CRC, "kept"),
+    (lambda sb, b: bytes.fromhex("88E7221F") + b[4:], None, b"magic number mismatch\ninvalid configure file, magic number error\n", "kept"),
+    (lambda sb, b: b[:32], None, SIZE, "kept"),
+    (lambda sb, b: None, None, b"stat %s fail\nfailed to get file size for %s\n" % (UPFILE.encode(), UPFILE.encode()), "kept"),
+    (lambda sb, b: sb.write(LOCK, b"") or b, None, b"upfile locked\n", "kept"),
+    (lambda sb, b: os.mkdir(sb.path(NEW)) or b, None, b"open file %s for write fail\nfail to write %s\n" % (NEW.encode(), NEW.encode()), "kept"),
+    (lambda sb, b: export(sb, bytes(range(21))), None, b"system fail, ret=2\n", "converted"),
+    (lambda sb, b: b, "exit 7\n", b"system fail, ret=7\n", "converted"),
+    (lambda sb, b: b, "kill -KILL $$\n", b"system fail, ret=137\n", "converted"),  # the shell forked for it
+    (lambda sb, b: b, 'if [ "$(cat /proc/$PPID/comm)" = sh ]; then kill -KILL $PPID; else kill -KILL $$; fi\n', b"system fail\n", "converted"),
+], ids=["restored", "crc", "magic", "size", "no-upload", "locked", "cannot-write", "not-a-store", "rep-fails", "rep-killed", "shell-killed"])
 def test_restore_of_an_upload(sandbox, daemon, make, stub, out, outcome):
     store, real = sandbox.read(STORE), sandbox.read(SYSCONF)
     try:
-        data = make(sandbox)
+        data = make(sandbox, export(sandbox))
         if stub:
             sandbox.stub(SYSCONF, stub)
         sandbox.store_set("sysconf", "wl_ssid", b'"Changed"\0')
@@ -63,9 +57,8 @@ def test_restore_of_an_upload(sandbox, daemon, make, stub, out, outcome):
         if data is not None:
             sandbox.write(UPFILE, data)
         before = daemon.stdout()
-        # the target's value is not looked at
         assert revalidate(sandbox, {"uploadsysconf": "x" if stub else {}}) == b'{ "arguments": { }, "result": "%s" }' % (
-            b"success" if outcome == "restored" else b"internal error")
+            b"success" if outcome == "restored" else b"internal error")  # the target's value is not looked at
         assert stdout_since(sandbox, daemon, before) == out.decode()
         assert (sandbox.exists(UPFILE), sandbox.exists(LOCK), sandbox.exists(CHECK_DONE)) == (False, False, outcome == "kept")
         assert sandbox.cmdlog() == ([[SYSCONF, "rep", NEW]] if stub else [])

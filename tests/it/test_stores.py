@@ -1,15 +1,13 @@
-"""The stores through the daemon.  The key index is built at start-up, so each
-test starts its own hxsrvd; the store files are put back after it."""
+"""The stores through the daemon: each test starts its own hxsrvd (the key index is built at start-up)."""
 import dbm.gnu
 
 import pytest
 
 from helpers import console_after, pref_set, send
 
-SC, RT = "/mnt/rwdata/sysconf.gdbm", "/var/run/rtconf.gdbm"
+SC, RT, READ_ONLY = "/mnt/rwdata/sysconf.gdbm", "/var/run/rtconf.gdbm", ("product_model", "product_description")
 SUCCESS, INTERNAL = b'{ "arguments": { }, "result": "success" }', b'{ "arguments": { }, "result": "internal error" }'
-DB_OPEN_FAILED = b'{ "arguments": { "confs": { } }, "result": "Database open failed!\\n" }'
-NO_INDEX, READ_ONLY = "Open sysconf.gdbm file failed.\n", ("product_model", "product_description")
+DB_OPEN_FAILED, NO_INDEX = b'{ "arguments": { "confs": { } }, "result": "Database open failed!\\n" }', "Open sysconf.gdbm file failed.\n"
 
 
 def get(sandbox, *names, reply=None):
@@ -63,9 +61,7 @@ def test_db_file_names_the_persistent_store_even_when_it_opens_nothing(sandbox, 
     err0 = d.stderr()
     assert (pref_set(sandbox, {"lan_ipaddr": "10.1.1.1"}), d.stderr()[len(err0):]) == (INTERNAL, err)
     assert sandbox.read(SC) == default and console_after(sandbox, mark) == NO_INDEX
-    if db_file:  # the refused set created an empty store
-        with dbm.gnu.open(sandbox.path(db_file), "r") as db:
-            assert db.keys() == []
+    assert not db_file or dbm.gnu.open(sandbox.path(db_file), "r").keys() == []  # the refused set created an empty store
 
 
 def test_store_is_closed_between_requests_and_a_writer_lock_fails_reads(sandbox, start):

@@ -39,9 +39,8 @@ def sh(sandbox):
     assert [n for n in os.listdir(sandbox.path("/tmp")) if n.startswith(("sc.gdbm.", "rt.gdbm."))] == []
 
 
-SET = [('"Trip"', b'"Trip"'), ("[1,2]", b"[ 1, 2 ]"), ('{"a":1,"b":[true,null]}', b'{ "a": 1, "b": [ true, null ] }'),
-       ('"/tmp/a"', b'"\\/tmp\\/a"'), ("null", b"null"), (" 5 ", b"5"), ("1.50", b"1.50"), ("{}", b"{ }"), ("[]", b"[ ]"),
-       ('"\\u00e9"', '"\u00e9"'.encode())]
+SET = [('"Trip"', b'"Trip"'), ("[1,2]", b"[ 1, 2 ]"), ('{"a":1,"b":[true,null]}', b'{ "a": 1, "b": [ true, null ] }'), ("{}", b"{ }"),
+       ('"/tmp/a"', b'"\\/tmp\\/a"'), ("null", b"null"), (" 5 ", b"5"), ("1.50", b"1.50"), ("[]", b"[ ]"), ('"\\u00e9"', '"\u00e9"'.encode())]
 # the backup of PLAIN (a block and a tail kept in plain): magic, CRC-32C (initial 0, no final xor) of the payload,
 # 24 reserved bytes, the payload in DES-ECB under the built-in key
 HEAD, PLAIN = bytes.fromhex("1F22E788"), bytes.fromhex("0123456789ABCDEF AABB")
@@ -79,18 +78,16 @@ CASES = [  # id, command line, stores and files before, (status, stdout, stderr)
         b"sysconf: not JSON text: %s (use --raw for plain text)\n" % v.encode() for v in NOT_JSON)), {S: None}),
     ("set-creates-0664-or-replaces", "umask 0; sysconf --store rtconf set a 1 && stat -c %a $RT_DB_FILE && sysconf set a '\"x\"'",
      {S: {b"a\0": b"1\0", b"b\0": b"2\0"}}, (0, b"664\n", b""), {S: {b"a\0": b'"x"\0', b"b\0": b"2\0"}, R: {b"a\0": b"1\0"}}),
-    ("raw", each("sysconf --store rtconf --raw set n 'plain \"w\" /x' && sysconf --store rtconf get n",
-                 "sysconf --raw --store sysinfo set k 1", "sysconf --raw set a ''"), {},
-     (0, b'plain "w" /x\n0\n0\n2\n', b"sysconf: empty value (an empty value counts as absent)\n"),
+    ("raw", each("sysconf --store rtconf --raw set n 'plain \"w\" /x' && sysconf --store rtconf get n", "sysconf --raw --store sysinfo set k 1",
+                 "sysconf --raw set a ''"), {}, (0, b'plain "w" /x\n0\n0\n2\n', b"sysconf: empty value (an empty value counts as absent)\n"),
      {R: {b"n\0": b'plain "w" /x\0'}, I: {b"k\0": b"1\0"}, S: None}),
     ("get", "for k in a b c k e z n; do sysconf get $k; echo $?; done", {S: {b"a\0": b"plain\0", b"b\0": b"no nul", b"c\0": b"cut\0x\0",
      b"e\0": b"\0", b"z\0": b"", b"n": b"1\0", b"K\0": b"1\0"}}, (0, b"plain\n0\nno nul\n0\ncut\n0\n" + b"1\n" * 4,
      b"".join(b"sysconf: %s: no value\n" % k for k in (b"k", b"e", b"z", b"n"))), {}),
-    ("no-store", each("sysconf get k", "sysconf --store sysinfo dump", "DB_FILE=/tmp/no/x sysconf set a 1",
-                      f"DB_FILE=/tmp/no/x sysconf load {J}", "sysconf --store rtconf get k"), {R: b"not a gdbm file\n" * 20, J: b"{}"},
-     (0, b"3\n" * 5, b"".join(b"sysconf: cannot open %s\n" % m for m in (b"/tmp/sc.gdbm: " + NO_DIR, b"/tmp/si.gdbm: " + NO_DIR,
-                                                                     b"/tmp/no/x: " + NO_DIR, b"/tmp/no/x: " + NO_DIR,
-                                                                     b"/tmp/rt.gdbm: Bad magic number"))), {S: None}),
+    ("no-store", each("sysconf get k", "sysconf --store sysinfo dump", "DB_FILE=/tmp/no/x sysconf set a 1", f"DB_FILE=/tmp/no/x sysconf load {J}",
+                      "sysconf --store rtconf get k"), {R: b"not a gdbm file\n" * 20, J: b"{}"}, (0, b"3\n" * 5, b"".join(b"sysconf: cannot open %s\n" % m for m in (
+                          b"/tmp/sc.gdbm: " + NO_DIR, b"/tmp/si.gdbm: " + NO_DIR, b"/tmp/no/x: " + NO_DIR, b"/tmp/no/x: " + NO_DIR,
+                          b"/tmp/rt.gdbm: Bad magic number"))), {S: None}),
     ("dump", "sysconf dump", {S: DUMPED}, (0, b'{\n  "bare": "key without nul",\n  "dup": "with",\n  "empty": "",\n  "list": [\n'
      b'    1,\n    [\n    ]\n  ],\n  "nonul": "x",\n  "null": null,\n  "path": "/tmp",\n  "trail": 1,\n  "word": "on"\n}\n', b""), {}),
     ("dump-raw", "sysconf --raw dump", {S: DUMPED}, (0, b'{\n  "bare": "\\"key without nul\\"",\n  "dup": "\\"with\\"",\n'
@@ -103,27 +100,26 @@ CASES = [  # id, command line, stores and files before, (status, stdout, stderr)
      {R: {**LOADED, b"wl_ssid\0": b"Trip\0", b"s\0": b"on\0"}, S: None}),
     ("load-creates-0664-or-adds", f"umask 0; sysconf --store rtconf load {J} && stat -c %a $RT_DB_FILE && sysconf load {J}",
      {S: {b"a\0": b"1\0", b"b\0": b"2\0"}, J: b'{"b": 3}'}, (0, b"664\n", b""), {S: {b"a\0": b"1\0", b"b\0": b"3\0"}, R: {b"b\0": b"3\0"}}),
-    ("not-object", "for f in /tmp/l/*; do sysconf load $f; echo $?; done", {f"/tmp/l/{i}": t for i, t in enumerate(NOT_OBJECT)},
-     (0, b"2\n" * 8, b"".join(b"sysconf: /tmp/l/%d: not a JSON object\n" % i for i in range(8))), {S: None}),
-    ("usage", each(*(f"sysconf {a}" for a, _ in USAGE)), {}, (0, b"64\n" * 16, b"".join(b"sysconf: %s\n%s" % (m, TRY) for _, m in USAGE)),
-     {S: None}),
+    ("load-refused", each(*(f"sysconf load /tmp/l/{i}" for i in range(8)), f"sysconf load {J}", f"sysconf --raw load {J}.raw"),
+     {J + ".raw": b'{"a": "x", "b": ""}', **{f"/tmp/l/{i}": t for i, t in enumerate(NOT_OBJECT)}}, (0, b"2\n" * 10, b"".join(
+         b"sysconf: /tmp/l/%d: not a JSON object\n" % i for i in range(8)) + b"sysconf: cannot read /tmp/in.json: No such file or directory\n"
+      b"sysconf: /tmp/in.json.raw: b: empty value\n"), {S: None}),
+    ("usage", each(*(f"sysconf {a}" for a, _ in USAGE)), {}, (0, b"64\n" * 16, b"".join(b"sysconf: %s\n%s" % (m, TRY) for _, m in USAGE)), {S: None}),
     ("rep", f"i=$(stat -c %i $DB_FILE); umask 0; sysconf rep {N} && [ $(stat -c %i $DB_FILE) != $i ] && stat -c %a $DB_FILE && "
      f"sysconf --store rtconf rep {N}", {N: KEPT, S: {b"old\0": b"1\0"}}, (0, b"664\n", b""), {S: KEPT, N: KEPT, R: KEPT}),
     ("rep-refused", each(*(f"sysconf rep {f}" for f in ("/tmp/l/junk", "/tmp/l/empty", N, "/tmp"))),
      {S: KEPT, "/tmp/l/junk": b"not a gdbm file\n" * 200, "/tmp/l/empty": b""}, (0, b"2\n" * 4, b"".join(b"sysconf: %s\n" % m for m in (
          b"/tmp/l/junk: not a gdbm store (Bad magic number)", b"/tmp/l/empty: not a gdbm store (Empty database)",
          b"cannot read /tmp/new.gdbm: No such file or directory", b"cannot read /tmp: Is a directory"))), {S: KEPT}),
-    ("load-refused", each(f"sysconf load {J}", f"sysconf --raw load {J}.raw"), {J + ".raw": b'{"a": "x", "b": ""}'}, (0, b"2\n2\n",
-     b"sysconf: cannot read /tmp/in.json: No such file or directory\nsysconf: /tmp/in.json.raw: b: empty value\n"), {S: None}),
     ("export", "mkdir /tmp/l && python3 -c \"import socket; socket.socket(socket.AF_UNIX).bind('/tmp/l/sock')\"; " + each(
         f"sysconf --store sysinfo export {J} && cat {J}", f"DB_FILE={J}.e sysconf export {J}.bak && cat {J}.bak",
-                    *(f"DB_FILE={db} sysconf export {J}" for db in ("/tmp/none", "/tmp", "/tmp/l/sock")),
-                    f"sysconf --store sysinfo export /tmp/no/x", "sysconf --store sysinfo export /dev/full", f"cat {J}"),
+        *(f"DB_FILE={db} sysconf export {J}" for db in ("/tmp/none", "/tmp", "/tmp/l/sock")),
+        "sysconf --store sysinfo export /tmp/no/x", "sysconf --store sysinfo export /dev/full", f"cat {J}"),
      {I: PLAIN, J: b"x" * 100, J + ".e": b""}, (0, KNOWN + b"0\n" + HEAD + bytes(28) + b"0\n" + STAT % (b"/tmp/none", b"/tmp/none") + b"3\n"
      b"fread fail\nfail to read /tmp\n3\nopen file /tmp/l/sock for read fail\nfail to read /tmp/l/sock\n3\n"
-     b"open file /tmp/no/x for write fail\nfail to write /tmp/no/x\n3\nfwrite fail\nfail to write /dev/full\n3\n" + KNOWN + b"0\n", b""),
-     {}), ("import-refused", each(*(f"sysconf import /tmp/l/{i:02}" for i in range(len(IMPORTS))), "sysconf import /tmp/none",
-                            "sysconf import /tmp"), {S: KEPT, **{f"/tmp/l/{i:02}": b if isinstance(b, bytes) else b[0] for i, b in enumerate(IMPORTS)}},
+     b"open file /tmp/no/x for write fail\nfail to write /tmp/no/x\n3\nfwrite fail\nfail to write /dev/full\n3\n" + KNOWN + b"0\n", b""), {}),
+    ("import-refused", each(*(f"sysconf import /tmp/l/{i:02}" for i in range(len(IMPORTS))), "sysconf import /tmp/none", "sysconf import /tmp"),
+     {S: KEPT, **{f"/tmp/l/{i:02}": b if isinstance(b, bytes) else b[0] for i, b in enumerate(IMPORTS)}},
      (0, b"".join(b"2\n" if isinstance(b, bytes) else b[1] + b"2\n" for b in IMPORTS) + STAT % (b"/tmp/none", b"/tmp/none") + b"2\n"
       b"fread fail\nfail to read file header\n" + BAD_MAGIC + b"2\n", b"".join(
          b"sysconf: /tmp/l/%02d: the payload is not a gdbm store (Unexpected end of file)\n" % i for i in range(3))), {S: KEPT}),
@@ -131,7 +127,8 @@ CASES = [  # id, command line, stores and files before, (status, stdout, stderr)
      "[ $(stat -c %i $DB_FILE) != $i ] && stat -c %a $DB_FILE", {S: {b"old\0": b"1\0"}, R: KEPT}, (0, b"640\n", b""), {S: KEPT}),
     ("rep-fails", f"mkdir -p {S}/in; " + each(*(f"{db}sysconf rep {N}" for db in ("DB_FILE=/tmp/no/x ", "", f"DB_FILE=/tmp/{'a' * 4085} "))),
      {N: KEPT}, (0, b"3\n" * 3, b"sysconf: cannot create a file beside /tmp/no/x: No such file or directory\n"
-                 b"sysconf: cannot replace /tmp/sc.gdbm: Is a directory\nsysconf: /tmp/%s: path too long\n" % (b"a" * 4085)), {}),]
+                 b"sysconf: cannot replace /tmp/sc.gdbm: Is a directory\nsysconf: /tmp/%s: path too long\n" % (b"a" * 4085)), {}),
+]
 
 
 @pytest.mark.parametrize("cmd, before, out, after", [c[1:] for c in CASES], ids=[c[0] for c in CASES])
@@ -142,5 +139,5 @@ def test_command(sh, sandbox, cmd, before, out, after):
 
 def test_help_names_the_stores_and_their_paths(sh):
     status, text, err = sh("sysconf --help && sysconf -h", {})
-    assert (status, err, text.count(b"Usage: sysconf [--store STORE] [--raw] COMMAND [ARG...]\n"), text.count(b", now /tmp/")) == (0, b"", 2, 6)
-    assert b"\n      rtconf   run-time state, $RT_DB_FILE, now /tmp/rt.gdbm\n" in text and text.endswith(b"\n  64  usage error\n")
+    assert (status, err, text.count(b"Usage: sysconf [--store STORE] [--raw] COMMAND [ARG...]\n"), text.count(b"\n  64  usage error\n")) == (0, b"", 2, 2)
+    assert text.count(b"\n      rtconf   run-time state, $RT_DB_FILE, now /tmp/rt.gdbm\n") == text.count(b", now /tmp/") / 3 == 2
