@@ -1,5 +1,4 @@
-"""The "upnp" target: /var/tmp/miniupnpd.conf byte for byte, the commands around it,
-and the real miniupnpd reading the file."""
+"""The "upnp" target: miniupnpd.conf byte for byte, the commands around it, and the real miniupnpd reading the file."""
 import pytest
 
 from net_util import INVALID, NULL, SUCCESS, TYPE, Run, conf  # noqa: F401
@@ -8,54 +7,40 @@ CONF, LEASES, PID = "/var/tmp/miniupnpd.conf", "/var/tmp/upnp.leases", "/var/run
 PROGRAMS = ("/usr/bin/killall", "/opt/sbin/iptables", "/usr/sbin/miniupnpd")
 STOP = [["/usr/bin/killall", "miniupnpd"], ["/opt/sbin/iptables", "-t", "nat", "-F", "UPNP_NAT_PREROUTING_CHAIN"],
         ["/opt/sbin/iptables", "-F", "UPNP_FORWARD_CHAIN"]]
-START = STOP + [["/usr/sbin/miniupnpd", "-f", CONF]]
-ON = {"upnp": "on"}
+START, ON, RESTART = STOP + [["/usr/sbin/miniupnpd", "-f", CONF]], {"upnp": "on"}, {"action": "restart"}
+FIRST = "ext_ifname=\n"
 
 
 def conf_text(wan_if="", lan="192.168.100.1", natpmp="no"):
-    return (f"ext_ifname={wan_if}\nlistening_ip={lan}\nenable_upnp=yes\nenable_natpmp={natpmp}\nsecure_mode=yes\n"
-            "upnp_forward_chain=UPNP_FORWARD_CHAIN\nupnp_nat_chain=UPNP_NAT_PREROUTING_CHAIN\n"
-            "system_uptime=yes\nlease_file=/var/tmp/upnp.leases\n")
+    return (f"ext_ifname={wan_if}\nlistening_ip={lan}\nenable_upnp=yes\nenable_natpmp={natpmp}\nsecure_mode=yes\nupnp_forward_chain="
+            "UPNP_FORWARD_CHAIN\nupnp_nat_chain=UPNP_NAT_PREROUTING_CHAIN\nsystem_uptime=yes\nlease_file=/var/tmp/upnp.leases\n")
 
 
 def printed(action, started=False):
-    return f"action:{action}\nrevalidate_setUpnp\n" + ("/usr/sbin/miniupnpd -f /var/tmp/miniupnpd.conf\n" * started)
+    return f"action:{action}\nrevalidate_setUpnp\n" + "/usr/sbin/miniupnpd -f /var/tmp/miniupnpd.conf\n" * started
 
 
-# (setup, value, reply, output, commands, miniupnpd.conf or None)
+# id: (records, value, reply, printed, commands, miniupnpd.conf or None); "old": a longer file was there, "fail": programs fail
 CASES = {
-    "wan-down": (ON, {"action": "restart"}, SUCCESS, printed("restart", True), START, conf_text()),
-    "wan-up-natpmp": ({"upnp": "on", "upnp_natpmp": "on", "lan_ipaddr": "10.0.0.1", "rt:wan_if": "mlan0"},
-                      {"action": "start"}, SUCCESS, printed("start", True), START, conf_text("mlan0", "10.0.0.1", "yes")),
-    "renewal": (dict(ON, old=True), {"action": "restart"}, SUCCESS, printed("restart", True), START, conf_text()),
-    "failing-programs": (dict(ON, fail=True), {"action": "restart"}, SUCCESS, printed("restart", True), START,
-                         conf_text()),
-    "off": ({}, {"action": "restart"}, SUCCESS, printed("restart"), STOP, None),
-    "no-wan-if": (dict(ON, **{"rt:wan_if": None}), {"action": "restart"}, SUCCESS, printed("restart"), STOP, ""),
-    "lan-word": (dict(ON, lan_ipaddr=b"word\0"), {"action": "restart"}, SUCCESS, printed("restart"), STOP,
-                 "ext_ifname=\n"),
-    "lan-newline": (dict(ON, lan_ipaddr="192.168.100.1\nenable_natpmp=yes"), {"action": "restart"}, SUCCESS,
-                    printed("restart"), STOP, "ext_ifname=\n"),
-    "wan-if-newline": (dict(ON, **{"rt:wan_if": "mlan0\nsecure_mode=no"}), {"action": "restart"}, SUCCESS,
-                       printed("restart"), STOP, ""),
-    "natpmp-broken": (dict(ON, upnp_natpmp=b"{\0"), {"action": "restart"}, SUCCESS, printed("restart"), STOP,
-                      "ext_ifname=\nlistening_ip=192.168.100.1\nenable_upnp=yes\n"),
-    "upnp-word": ({"upnp": b"on\0"}, {"action": "restart"}, SUCCESS, printed("restart"), STOP, None),
-    "conf-dir": (dict(ON, dir=True), {"action": "restart"}, SUCCESS, printed("restart"), STOP, None),
-    "null": (ON, None, INVALID, NULL, [], None),
-    "no-action-number": (ON, {"action": 5}, SUCCESS, "", [], None),
+    "wan-down": (ON, RESTART, SUCCESS, printed("restart", 1), START, conf_text()),
+    "wan-up-natpmp": ({**ON, "upnp_natpmp": "on", "lan_ipaddr": "10.0.0.1", "rt:wan_if": "mlan0"}, {"action": "start"}, SUCCESS,
+                      printed("start", 1), START, conf_text("mlan0", "10.0.0.1", "yes")),
+    "renewal": ({**ON, "old": 1}, RESTART, SUCCESS, printed("restart", 1), START, conf_text()),
+    "failing-programs": ({**ON, "fail": 1}, RESTART, SUCCESS, printed("restart", 1), START, conf_text()),
+    "off": ({}, RESTART, SUCCESS, printed("restart"), STOP, None), "upnp-word": ({"upnp": b"on\0"}, RESTART, SUCCESS, printed("restart"), STOP, None),
+    "no-wan-if": ({**ON, "rt:wan_if": None}, RESTART, SUCCESS, printed("restart"), STOP, ""),
+    "lan-word": ({**ON, "lan_ipaddr": b"word\0"}, RESTART, SUCCESS, printed("restart"), STOP, FIRST),
+    "lan-newline": ({**ON, "lan_ipaddr": "192.168.100.1\nenable_natpmp=yes"}, RESTART, SUCCESS, printed("restart"), STOP, FIRST),
+    "wan-if-newline": ({**ON, "rt:wan_if": "mlan0\nsecure_mode=no"}, RESTART, SUCCESS, printed("restart"), STOP, ""),
+    "natpmp-broken": ({**ON, "upnp_natpmp": b"{\0"}, RESTART, SUCCESS, printed("restart"), STOP, conf_text()[:55]),
+    "conf-dir": ({**ON, "dir": 1}, RESTART, SUCCESS, printed("restart"), STOP, None),
+    "null": (ON, None, INVALID, NULL, [], None), "no-action-number": (ON, {"action": 5}, SUCCESS, "", [], None),
+    **{f"natpmp-{v!r}": ({**ON, "upnp_natpmp": v}, RESTART, SUCCESS, printed("restart", 1), START, conf_text()) for v in ("off", "On", "on ", "yes", "")},
+    **{f"upnp-{v!r}": ({"upnp": v}, {"action": "start"}, SUCCESS, printed("start"), STOP, None) for v in ("On", "ON", "on ", "yes", "", 1, True)},
+    **{f"action-{a!r}": (ON, {"action": a}, SUCCESS, printed(a), [], None) for a in ("stop", "update", "Start", "")},
+    **{f"no-action-{v}": (ON, v, SUCCESS, "", [], None) for v in ({}, {"action": None}, {"Action": "start"})},
+    **{f"argument-{v!r}": (ON, v, INVALID, TYPE, [], None) for v in ("restart", ["restart"], 1, True)},
 }
-for natpmp in ("off", "On", "on ", "yes", ""):
-    CASES[f"natpmp-{natpmp!r}"] = (dict(ON, upnp_natpmp=natpmp), {"action": "restart"}, SUCCESS,
-                                   printed("restart", True), START, conf_text())
-for upnp in ("On", "ON", "on ", "yes", "", 1, True):
-    CASES[f"upnp-{upnp!r}"] = ({"upnp": upnp}, {"action": "start"}, SUCCESS, printed("start"), STOP, None)
-for action in ("stop", "update", "Start", ""):
-    CASES[f"action-{action!r}"] = (ON, {"action": action}, SUCCESS, printed(action), [], None)
-for value in ({}, {"action": None}, {"Action": "start"}):
-    CASES[f"no-action-{value}"] = (ON, value, SUCCESS, "", [], None)
-for value in ("restart", ["restart"], 1, True):
-    CASES[f"argument-{value!r}"] = (ON, value, INVALID, TYPE, [], None)
 
 
 @pytest.fixture
@@ -69,55 +54,46 @@ def clean(daemon, sandbox):
 
 @pytest.mark.parametrize("setup, value, reply, out, cmds, text", CASES.values(), ids=CASES.keys())
 def test_upnp_target(daemon, sandbox, conf, clean, setup, value, reply, out, cmds, text):
-    """The stop step kills the service and removes its pid file and leases."""
+    """The stop step removes the pid file and the leases."""
     setup = dict(setup)
     sandbox.remove(CONF)
-    if setup.pop("old", False):
-        sandbox.write(CONF, "x" * 2000 + "\n")
-    for p in PROGRAMS if setup.pop("fail", False) else ():
+    sandbox.write(CONF, "x" * 2000 + "\n") if setup.pop("old", 0) else None
+    for p in PROGRAMS if setup.pop("fail", 0) else ():
         sandbox.stub_exit(p, 1)
-    folder = setup.pop("dir", False)
-    if folder:
-        sandbox.run(["mkdir", CONF], check=True)
+    sandbox.run(["mkdir", CONF], check=True) if setup.get("dir") else None
     sandbox.write(PID, "123\n")
     sandbox.write(LEASES, "TCP:8080:192.168.100.5:80:1700000000:game\n")
-    conf(setup)
+    conf({k: v for k, v in setup.items() if k != "dir"})
     try:
         run = Run(sandbox, daemon, "upnp", value)
     finally:
-        if folder:
-            sandbox.run(["rmdir", CONF], check=True)
-    assert (run.reply, run.out, run.cmds) == (reply, out, cmds)
-    assert (sandbox.exists(PID), sandbox.exists(LEASES)) == (not cmds, not cmds)
+        sandbox.run(["rmdir", CONF], check=True) if setup.get("dir") else None
+    assert (run.reply, run.out, run.cmds, sandbox.exists(PID), sandbox.exists(LEASES)) == (reply, out, cmds, not cmds, not cmds)
     assert (sandbox.read_text(CONF) if sandbox.exists(CONF) else None) == text
 
 
 def test_stop_steps_run_in_order(daemon, sandbox, conf, clean):
     """killall still sees the pid file and the leases, the flushes only the leases, the start neither."""
-    seen = "/var/log/hxsim/upnp-seen"
     for p in PROGRAMS:
-        sandbox.stub(p, f'p=n; [ -e {PID} ] && p=y; l=n; [ -e {LEASES} ] && l=y\n'
-                        f'echo "$(basename $0) pid=$p leases=$l" >> {seen}\n')
-    sandbox.remove(seen)
+        sandbox.stub(p, f'p=n; [ -e {PID} ] && p=y; l=n; [ -e {LEASES} ] && l=y\necho "$(basename $0) pid=$p leases=$l" >> /var/tmp/seen\n')
+    sandbox.remove("/var/tmp/seen")
     sandbox.write(PID, "123\n")
     sandbox.write(LEASES, "")
     conf(ON)
-    assert Run(sandbox, daemon, "upnp", {"action": "restart"}).reply == SUCCESS
-    assert sandbox.read_text(seen) == ("killall pid=y leases=y\niptables pid=n leases=y\n"
-                                       "iptables pid=n leases=y\nminiupnpd pid=n leases=n\n")
+    assert Run(sandbox, daemon, "upnp", RESTART).reply == SUCCESS
+    assert sandbox.read_text("/var/tmp/seen") == ("killall pid=y leases=y\niptables pid=n leases=y\niptables pid=n leases=y\n"
+                                                  "miniupnpd pid=n leases=n\n")
 
 
 def test_real_miniupnpd_accepts_the_file(daemon, sandbox, conf, clean):
-    """Run in the foreground inside the sandbox until it listens (it names what the file enabled)."""
+    """In the foreground inside the sandbox until it listens; its start line names what the file enabled."""
     real = sandbox.real("/usr/sbin/miniupnpd")
     if real is None:
         pytest.skip("miniupnpd is not installed (scripts/install-deps)")
     conf({"upnp": "on", "upnp_natpmp": "on", "rt:wan_if": "mlan0"})
-    assert Run(sandbox, daemon, "upnp", {"action": "restart"}).reply == SUCCESS
-    script = (f"{real} -d -f {CONF} -P /var/tmp/miniupnpd-test.pid >/var/tmp/mu.out 2>&1 & m=$!; i=0\n"
-              "while kill -0 $m && ! grep -q 'listening on port' /var/tmp/mu.out && [ $i -lt 1200 ]; do\n"
-              "sleep 0.1; i=$((i + 1)); done; kill -INT $m; wait $m; cat /var/tmp/mu.out")
-    done = sandbox.run(["sh", "-c", script], timeout=180)
-    out = done.stdout.decode()
+    assert Run(sandbox, daemon, "upnp", RESTART).reply == SUCCESS
+    out = sandbox.run(["sh", "-c", f"{real} -d -f {CONF} -P /var/tmp/m.pid >/var/tmp/m.out 2>&1 & m=$!; i=0\nwhile kill -0 $m && ! grep -q "
+                       "'listening on port' /var/tmp/m.out && [ $i -lt 1200 ]; do sleep 0.1; i=$((i + 1)); done; kill -INT $m; wait $m; "
+                       "cat /var/tmp/m.out"], timeout=180).stdout.decode()
     assert "starting NAT-PMP/PCP UPnP-IGD ext if mlan0 " in out and "listening on port" in out, out
     assert "invalid option" not in out and "error" not in out.lower(), out
