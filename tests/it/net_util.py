@@ -1,30 +1,26 @@
-"""What the network tests share: replies, store setup, one request's effects."""
+"""What the network tests share: replies, store records, one request's effects."""
 import pytest
 
 from hxsim import jsonc_text
 from helpers import console_after, revalidate, stdout_since, store_restore, wait_for
 
 SUCCESS = b'{ "arguments": { }, "result": "success" }'
-INVALID = SUCCESS.replace(b"success", b"invalid arguments")
-INTERNAL = SUCCESS.replace(b"success", b"internal error")
+INVALID, INTERNAL = SUCCESS.replace(b"success", b"invalid arguments"), SUCCESS.replace(b"success", b"internal error")
 NULL, TYPE = "Input parameter is NULL.\n", "Unexpected json type.\n"
-STORES = {"rt": "rtconf", "info": "sysinfo"}
 
 
 def raw(value):
-    """A store record: None (absent) and bytes as given, else json-c's text and its NUL."""
     return value if value is None or isinstance(value, bytes) else jsonc_text(value).encode() + b"\0"
 
 
 @pytest.fixture
 def conf(daemon, sandbox):
-    """conf({"key" | "rt:key" | "info:key": value}) sets records; all come back after the test."""
+    """conf({"key" | "rt:key" | "info:key": value}) sets records of sysconf, rtconf, sysinfo; all come back after the test."""
     saved = []
 
     def put(values):
         for name, value in values.items():
-            store, _, key = name.rpartition(":")
-            store = STORES.get(store, "sysconf")
+            store, key = {"rt": "rtconf", "info": "sysinfo"}.get(name.rpartition(":")[0], "sysconf"), name.rpartition(":")[2]
             saved.append((store, key, sandbox.store_get(store, key)))
             store_restore(sandbox, store, key, raw(value))
     yield put
@@ -34,15 +30,13 @@ def conf(daemon, sandbox):
 
 @pytest.fixture
 def net(sandbox):
-    """net(*ip_args) runs `ip ...` inside; mlan0's addresses and routes go afterwards."""
     yield lambda *args: sandbox.run(["ip", *args], check=True)
     sandbox.run(["ip", "-4", "route", "flush", "dev", "mlan0"], check=True)
     sandbox.run(["ip", "-4", "addr", "flush", "dev", "mlan0"], check=True)
 
 
 class Run:
-    """One revalidate request: reply, standard output, the commands it ran
-    (those keep() takes, waiting for `count`); nothing reaches the console."""
+    """One revalidate request: reply, standard output, the commands keep() takes (awaiting `count`); none on the console."""
 
     def __init__(self, sandbox, daemon, target, value, count=0, keep=lambda c: True):
         out, console = daemon.stdout(), sandbox.console()

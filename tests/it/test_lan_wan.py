@@ -6,7 +6,7 @@ import pytest
 
 from net_util import INTERNAL, INVALID, NULL, SUCCESS, TYPE, Run, conf, raw  # noqa: F401
 
-STATION = {"/usr/sbin/iwpriv", "/usr/sbin/iwconfig", "/sbin/iwlist", "/usr/sbin/wpa_supplicant", "/sbin/wpa_supplicant"}
+STATION = {"/usr/sbin/iwpriv", "/usr/sbin/iwconfig", "/sbin/iwlist", "/usr/sbin/wpa_supplicant", "/sbin/wpa_supplicant"}  # the station's own
 OWN = ("[SYS] ", "***** ", "Wifi: No suitable", "WiFi: Wan auto", "Input parameter", "Unexpected json")
 BG, IFC, BRCTL = "bg", "/sbin/ifconfig", "/usr/sbin/brctl"
 STOP = [["/usr/bin/killall", "udhcpc"], [IFC, "mlan0", "0.0.0.0"], [IFC, "mlan0", "0.0.0.0"], ["/etc/app/gw_simplefw.sh", "reset"],
@@ -33,31 +33,21 @@ def slots(one, two, current=("", "", ""), copy=False):
     return {**dict(zip(SLOTS, one + two)), **{k: raw(v) + b"\0" * copy for k, v in zip(CURRENT, current)}}
 
 
-def udhcpc(prog, ifname, pid, script):
-    return (BG, [prog, "-i", ifname, "-H", "HOST", "-p", pid, "-b", "-s", script, "-S"])
-
-
 def event(action, arg=""):
     return {"action": action, "arg": arg}
 
 
 SUCCESS_EVENT = event("SYS_EVENT_DHCP_SUCCESS", "mlan0")
 # id: (target, value, setup, reply, commands, printed lines, records afterwards)
-CASES = {
-    "lan-router": ("lan", START_, {}, SUCCESS, router("br0", "192.168.100.1", "255.255.255.0", "off"), "", {"rt:lan_if": "br0"}),
+CASES = {"lan-router": ("lan", START_, {}, SUCCESS, router("br0", "192.168.100.1", "255.255.255.0", "off"), "", {"rt:lan_if": "br0"}),
     "lan-stp": ("lan", RESTART, {"lan_bridgestp": "on", "lan_if": "br9", "lan_ipaddr": "10.0.0.1", "lan_netmask": "255.0.0.0"}, SUCCESS,
                 router("br9", "10.0.0.1", "255.0.0.0", "on"), "", {"rt:lan_if": "br9"}),
-    "lan-bridge": ("lan", START_, {"work_mode": "bridge"}, SUCCESS, START[:1] + STOP + [[BRCTL, "addif", "br0", "mlan0"], udhcpc(
-        "/sbin/udhcpc", "br0", "/var/run/udhcpc_lan.pid", "/etc/app/gw_udhcpc_lan.script")], "", {"rt:lan_if": "br0", "rt:wan_status": "WAN_DOWN"}),
+    "lan-bridge": ("lan", START_, {"work_mode": "bridge"}, SUCCESS, START[:1] + STOP + [[BRCTL, "addif", "br0", "mlan0"], (BG, ["/sbin/udhcpc", "-i", "br0", "-H", "HOST", "-p", "/var/run/udhcpc_lan.pid", "-b", "-s", "/etc/app/gw_udhcpc_lan.script", "-S"])], "", {"rt:lan_if": "br0", "rt:wan_status": "WAN_DOWN"}),
     "lan-if-word": ("lan", START_, {"lan_if": b"br0\0"}, SUCCESS, [], "", {}),
     "wan-if-unsafe": ("wan", {"action": "stop"}, {"wan_if": "mlan0;touch /tmp/pwned"}, SUCCESS, STOP[:1], "wan_if refused: unsafe characters\n", {}),
     "wan-stop": ("wan", {"action": "stop"}, {"rt:wan_status": "WAN_UP", "rt:wan_if": "mlan0", "rt:wan_up_time": "12"}, SUCCESS, STOP, "",
                  {"rt:wan_status": "WAN_DOWN", "rt:wan_if": "", "rt:wan_up_time": ""}),
     "wan-restart": ("wan", RESTART, {"wan_type": "wireless_sta"}, SUCCESS, STOP + DELIF, MODE["wireless_sta"], {}),
-    "wan-restart-tools": ("wan", RESTART, {"whole": 1, "rt:wl_tool_type": "WT", "wan_type": "wireless_sta", **dict(zip(CURRENT, CAFE))}, SUCCESS,
-                          STOP + [["/usr/sbin/iwpriv", "mlan0", "deauth"]] + DELIF + [["/usr/sbin/iwconfig", "mlan0", "essid", "Cafe"], udhcpc(
-                              "/usr/sbin/udhcpc", "mlan0", "/var/run/udhcpc.pid", "/etc/app/gw_udhcpc.script")],
-                          MODE["wireless_sta"] + "WiFi: Wireless Link connected.\n", {}),
     "auto-slot1-empty": ("wan", AUTO_, {**slots(EMPTY, HOME, HOME), **RETRY0}, SUCCESS, [], NO_BSS, {**slots(EMPTY, HOME, HOME), **RETRY0}),
     "auto-slot2-current": ("wan", AUTO_, {**slots(CAFE, HOME, HOME), "wan_type": "wireless_sta_private", **RETRY0}, SUCCESS, STOP + DELIF,
                            MODE["wireless_sta_private"], {**{k: raw(v) + b"\0" for k, v in zip(SLOTS, HOME + CAFE)}, **dict(zip(CURRENT, HOME)),
@@ -66,8 +56,7 @@ CASES = {
     "auto-wan-up": ("wan", AUTO_, {**slots(CAFE, HOME, ("Other", "none", "")), "rt:wan_status": "WAN_UP", **RETRY0}, SUCCESS, STOP + DELIF,
                     AUTO + MODE["wireless_sta_trust"], RETRY0),
     "dhcp-success": ("sys_event", SUCCESS_EVENT, {"wan_type": "wireless_sta", "ap_profile": b"[ ]\0", **slots(EMPTY, EMPTY, CAFE)}, SUCCESS,
-                     START + SIMPLEFW, "", {"rt:wan_status": "WAN_UP", "rt:wifi_sta_status": "Connected",
-                                           **dict(zip(SLOTS, CAFE[:3] + ("Public Bridge Mode",) + EMPTY))}),
+                     START + SIMPLEFW, "", {"rt:wan_status": "WAN_UP", "rt:wifi_sta_status": "Connected", **dict(zip(SLOTS, CAFE[:3] + ("Public Bridge Mode",) + EMPTY))}),
     "dhcp-success-station": ("sys_event", SUCCESS_EVENT, {"wan_type": "wireless_sta_trust", "rt:lan_if": "br0", "ap_profile": b"[ ]\0",
                              **slots(EMPTY, EMPTY, CAFE)}, SUCCESS, START + [["/sbin/uaputl.exe", "bss_stop"], [IFC, "br0", "down"]], "",
                              {"wan_sta_trustmode1": "Station Mode"}),
@@ -79,50 +68,36 @@ CASES = {
     "wifi-loaded": ("sys_event", event("SYS_EVENT_WIFI_LOADED"), {**slots(CAFE, HOME), **RETRY0}, SUCCESS, STOP + DELIF,
                     AUTO + MODE["wireless_sta_trust"], {**RETRY1, "wan_sta_ssid": raw("Cafe") + b"\0"}),
     "tdls-resolved": ("sys_event", event("TDLS_EVENT_RESOLVE_SUCCESS", "00:11:22:33:44:55"), {}, SUCCESS, [], "", {}),
-    "sys-event-null": ("sys_event", None, {}, INVALID, [], "", {}),
-    "sys-event-string": ("sys_event", "SYS_EVENT_DHCP_FAILED", {}, INVALID, [], TYPE, {}),
-}
-for key, value in [("lan_ipaddr", "192.168.100.1;touch /tmp/pwned"), ("lan_netmask", "255.255.255.0 $(touch /tmp/pwned)"),
-                   ("lan_if", "br0|touch /tmp/pwned"), ("wan_if", "mlan0`touch /tmp/pwned`")]:
-    CASES[f"unsafe-{key}"] = ("lan", START_, {key: value}, SUCCESS, [], f"{key} refused: unsafe characters\n", {"rt:lan_if": ""})
-for wan_type, line in MODE.items():
-    CASES[f"wan-start-{wan_type}"] = ("wan", START_, {"wan_type": wan_type}, SUCCESS, DELIF, line, {"rt:wifi_sta_status": "Connecting"})
-for mode, wan_type in [("Station Mode", "wireless_sta_trust"), ("Public Bridge Mode", "wireless_sta"), ("Private Bridge Mode", "wireless_sta_private")]:
-    one = CAFE[:3] + (mode,)
-    CASES[f"auto-{wan_type}"] = ("wan", AUTO_, {**slots(one, HOME, ("Other", "none", "")), **RETRY0}, SUCCESS, STOP + DELIF,
-                                 AUTO + MODE[wan_type], {**slots(one, HOME, CAFE, copy=True), "wan_type": wan_type, **RETRY1})
-for target, values in [("lan", ({}, {"action": "stop"}, {"action": 1})), ("wan", ({}, {"action": "reboot"}, {"action": None})),
-                       ("sys_event", [event(e, "x") for e in ("SYS_EVENT_WIFI_UNLOADED", "SYS_EVENT_HD_MOUNT", "SYS_EVENT_HD_UNMOUNT",
-                                                              "SYS_EVENT_OTHER", "")])]:
-    for value in values:
-        CASES[f"{target}-nothing-{json.dumps(value)}"] = (target, value, {}, SUCCESS, [], "", {})
-for target in ("lan", "wan"):
-    CASES[f"{target}-null"], CASES[f"{target}-array"] = (target, None, {}, INVALID, [], NULL, {}), (target, ["start"], {}, INVALID, [], TYPE, {})
-for value in ({"arg": "mlan0"}, {"action": "SYS_EVENT_DHCP_FAILED"}, event("SYS_EVENT_DHCP_FAILED", 1), event(7, "mlan0")):
-    CASES[f"sys-event-{json.dumps(value)}"] = ("sys_event", value, {}, INTERNAL, [], "", {})
-
-
-def own_cmds(c):
-    return c[0] not in STATION and not (c[0].endswith("/udhcpc") and "mlan0" in c)
+    "sys-event-null": ("sys_event", None, {}, INVALID, [], "", {}), "sys-event-string": ("sys_event", "SYS_EVENT_DHCP_FAILED", {}, INVALID, [], TYPE, {}),}
+CASES.update({f"unsafe-{k}": ("lan", START_, {k: v}, SUCCESS, [], f"{k} refused: unsafe characters\n", {"rt:lan_if": ""}) for k, v in [
+    ("lan_ipaddr", "192.168.100.1;touch /tmp/pwned"), ("lan_netmask", "255.255.255.0 $(touch /tmp/pwned)"), ("lan_if", "br0|touch /tmp/pwned"),
+    ("wan_if", "mlan0`touch /tmp/pwned`")]})
+CASES.update({f"wan-start-{t}": ("wan", START_, {"wan_type": t}, SUCCESS, DELIF, line, {"rt:wifi_sta_status": "Connecting"}) for t, line in MODE.items()})
+CASES.update({f"auto-{t}": ("wan", AUTO_, {**slots(CAFE[:3] + (m,), HOME, ("Other", "none", "")), **RETRY0}, SUCCESS, STOP + DELIF, AUTO + MODE[t],
+                            {**slots(CAFE[:3] + (m,), HOME, CAFE, copy=True), "wan_type": t, **RETRY1}) for m, t in [
+    ("Station Mode", "wireless_sta_trust"), ("Public Bridge Mode", "wireless_sta"), ("Private Bridge Mode", "wireless_sta_private")]})
+CASES.update({f"{t}-nothing-{json.dumps(v)}": (t, v, {}, SUCCESS, [], "", {}) for t, values in [
+    ("lan", ({}, {"action": "stop"}, {"action": 1})), ("wan", ({}, {"action": "reboot"}, {"action": None})), ("sys_event", [event(e, "x") for e in (
+        "SYS_EVENT_WIFI_UNLOADED", "SYS_EVENT_HD_MOUNT", "SYS_EVENT_HD_UNMOUNT", "SYS_EVENT_OTHER", "")])] for v in values})
+CASES.update({f"{t}-{json.dumps(v)}": (t, v, {}, INVALID, [], NULL if v is None else TYPE, {}) for t in ("lan", "wan") for v in (None, ["start"])})
+CASES.update({f"sys-event-{json.dumps(v)}": ("sys_event", v, {}, INTERNAL, [], "", {}) for v in (
+    {"arg": "mlan0"}, {"action": "SYS_EVENT_DHCP_FAILED"}, event("SYS_EVENT_DHCP_FAILED", 1), event(7, "mlan0"))})
 
 
 @pytest.mark.parametrize("target, value, setup, reply, cmds, out, after", CASES.values(), ids=CASES.keys())
 def test_lan_wan_targets(daemon, sandbox, conf, target, value, setup, reply, cmds, out, after):
-    setup, host = dict(setup), sandbox.run(["/bin/hostname"], check=True).stdout.decode().strip()
-    whole = setup.pop("whole", False)
+    host = sandbox.run(["/bin/hostname"], check=True).stdout.decode().strip()
     # the records a request writes start out otherwise
-    conf({"rt:lan_if": "", "rt:wan_if": "", "rt:wan_status": "WAN_DOWN", "rt:wifi_sta_status": "Disconnected",
-          **{k: None for k in after if k.startswith("wan_sta")}, **setup})
+    conf({"rt:lan_if": "", "rt:wan_if": "", "rt:wan_status": "WAN_DOWN", "rt:wifi_sta_status": "Disconnected", **{k: None for k in after if k.startswith("wan_sta")}, **setup})
     sandbox.remove("/var/run/udhcpc.pid")
     cmds = [(BG, [w.replace("HOST", host) for w in c[1]]) if isinstance(c, tuple) else c for c in cmds]
-    run = Run(sandbox, daemon, target, value, len(cmds), (lambda c: True) if whole else own_cmds)
+    run = Run(sandbox, daemon, target, value, len(cmds), lambda c: c[0] not in STATION and not (c[0].endswith("/udhcpc") and "mlan0" in c))
     bg = [e[1] for e in cmds if isinstance(e, tuple)]
     assert [c for c in run.cmds if c not in bg] == [e for e in cmds if not isinstance(e, tuple)], run.cmds
     assert sorted(map(json.dumps, (c for c in run.cmds if c in bg))) == sorted(map(json.dumps, bg)), run.cmds
     for before, e in zip(cmds, cmds[1:]):
         assert not isinstance(e, tuple) or run.cmds.index(e[1]) > run.cmds.index(before if isinstance(before, list) else before[1])
-    lines = "".join(s for s in run.out.splitlines(True) if whole or s.startswith(OWN) or "refused: unsafe" in s)
+    lines = "".join(s for s in run.out.splitlines(True) if s.startswith(OWN) or "refused: unsafe" in s)
     assert (run.reply, lines) == (reply, out)
-    for name, value in after.items():
-        assert sandbox.store_get("rtconf" if name.startswith("rt:") else "sysconf", name[3:] if name.startswith("rt:") else name) == raw(value), name
+    assert {k: sandbox.store_get(*(("rtconf", k[3:]) if k[:3] == "rt:" else ("sysconf", k))) for k in after} == {k: raw(v) for k, v in after.items()}
     assert not sandbox.exists("/tmp/pwned")

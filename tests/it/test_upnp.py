@@ -5,10 +5,10 @@ from net_util import INVALID, NULL, SUCCESS, TYPE, Run, conf  # noqa: F401
 
 CONF, LEASES, PID = "/var/tmp/miniupnpd.conf", "/var/tmp/upnp.leases", "/var/run/miniupnpd.pid"
 PROGRAMS = ("/usr/bin/killall", "/opt/sbin/iptables", "/usr/sbin/miniupnpd")
-STOP = [["/usr/bin/killall", "miniupnpd"], ["/opt/sbin/iptables", "-t", "nat", "-F", "UPNP_NAT_PREROUTING_CHAIN"],
-        ["/opt/sbin/iptables", "-F", "UPNP_FORWARD_CHAIN"]]
+STOP = [["/usr/bin/killall", "miniupnpd"], ["/opt/sbin/iptables", "-t", "nat", "-F", "UPNP_NAT_PREROUTING_CHAIN"], ["/opt/sbin/iptables", "-F", "UPNP_FORWARD_CHAIN"]]
 START, ON, RESTART = STOP + [["/usr/sbin/miniupnpd", "-f", CONF]], {"upnp": "on"}, {"action": "restart"}
-FIRST = "ext_ifname=\n"
+FIRST, SEEN = "ext_ifname=\n", "/var/tmp/seen"
+ORDER = {"killall": "pid=y leases=y", "iptables": "pid=n leases=y", "miniupnpd": "pid=n leases=n"}
 
 
 def conf_text(wan_if="", lan="192.168.100.1", natpmp="no"):
@@ -21,8 +21,7 @@ def printed(action, started=False):
 
 
 # id: (records, value, reply, printed, commands, miniupnpd.conf or None); "old": a longer file was there, "fail": programs fail
-CASES = {
-    "wan-down": (ON, RESTART, SUCCESS, printed("restart", 1), START, conf_text()),
+CASES = {"wan-down": (ON, RESTART, SUCCESS, printed("restart", 1), START, conf_text()),
     "wan-up-natpmp": ({**ON, "upnp_natpmp": "on", "lan_ipaddr": "10.0.0.1", "rt:wan_if": "mlan0"}, {"action": "start"}, SUCCESS,
                       printed("start", 1), START, conf_text("mlan0", "10.0.0.1", "yes")),
     "renewal": ({**ON, "old": 1}, RESTART, SUCCESS, printed("restart", 1), START, conf_text()),
@@ -39,8 +38,7 @@ CASES = {
     **{f"upnp-{v!r}": ({"upnp": v}, {"action": "start"}, SUCCESS, printed("start"), STOP, None) for v in ("On", "ON", "on ", "yes", "", 1, True)},
     **{f"action-{a!r}": (ON, {"action": a}, SUCCESS, printed(a), [], None) for a in ("stop", "update", "Start", "")},
     **{f"no-action-{v}": (ON, v, SUCCESS, "", [], None) for v in ({}, {"action": None}, {"Action": "start"})},
-    **{f"argument-{v!r}": (ON, v, INVALID, TYPE, [], None) for v in ("restart", ["restart"], 1, True)},
-}
+    **{f"argument-{v!r}": (ON, v, INVALID, TYPE, [], None) for v in ("restart", ["restart"], 1, True)},}
 
 
 @pytest.fixture
@@ -48,41 +46,28 @@ def clean(daemon, sandbox):
     yield
     for p in PROGRAMS:
         sandbox.stub(p, "exit 0\n")
-    for p in (CONF, LEASES, PID):
+    for p in (CONF, LEASES, PID, SEEN):
         sandbox.remove(p)
 
 
 @pytest.mark.parametrize("setup, value, reply, out, cmds, text", CASES.values(), ids=CASES.keys())
 def test_upnp_target(daemon, sandbox, conf, clean, setup, value, reply, out, cmds, text):
-    """The stop step removes the pid file and the leases."""
-    setup = dict(setup)
-    sandbox.remove(CONF)
+    """Each program notes whether the pid file and the leases are still there: the stop step removes them after the kill."""
+    setup, folder = dict(setup), setup.get("dir")
+    sandbox.remove(CONF) or sandbox.remove(SEEN)
     sandbox.write(CONF, "x" * 2000 + "\n") if setup.pop("old", 0) else None
-    for p in PROGRAMS if setup.pop("fail", 0) else ():
-        sandbox.stub_exit(p, 1)
-    sandbox.run(["mkdir", CONF], check=True) if setup.get("dir") else None
-    sandbox.write(PID, "123\n")
-    sandbox.write(LEASES, "TCP:8080:192.168.100.5:80:1700000000:game\n")
+    for p in PROGRAMS:
+        sandbox.stub(p, f'p=n; [ -e {PID} ] && p=y; l=n; [ -e {LEASES} ] && l=y\necho "$(basename $0) pid=$p leases=$l" >> {SEEN}\n' f'exit {setup.pop("fail", 0)}\n')
+    sandbox.run(["mkdir", CONF], check=True) if folder else None
+    sandbox.write(PID, "123\n") or sandbox.write(LEASES, "TCP:8080:192.168.100.5:80:1700000000:game\n")
     conf({k: v for k, v in setup.items() if k != "dir"})
     try:
         run = Run(sandbox, daemon, "upnp", value)
     finally:
-        sandbox.run(["rmdir", CONF], check=True) if setup.get("dir") else None
+        sandbox.run(["rmdir", CONF], check=True) if folder else None
     assert (run.reply, run.out, run.cmds, sandbox.exists(PID), sandbox.exists(LEASES)) == (reply, out, cmds, not cmds, not cmds)
     assert (sandbox.read_text(CONF) if sandbox.exists(CONF) else None) == text
-
-
-def test_stop_steps_run_in_order(daemon, sandbox, conf, clean):
-    """killall still sees the pid file and the leases, the flushes only the leases, the start neither."""
-    for p in PROGRAMS:
-        sandbox.stub(p, f'p=n; [ -e {PID} ] && p=y; l=n; [ -e {LEASES} ] && l=y\necho "$(basename $0) pid=$p leases=$l" >> /var/tmp/seen\n')
-    sandbox.remove("/var/tmp/seen")
-    sandbox.write(PID, "123\n")
-    sandbox.write(LEASES, "")
-    conf(ON)
-    assert Run(sandbox, daemon, "upnp", RESTART).reply == SUCCESS
-    assert sandbox.read_text("/var/tmp/seen") == ("killall pid=y leases=y\niptables pid=n leases=y\niptables pid=n leases=y\n"
-                                                  "miniupnpd pid=n leases=n\n")
+    assert (sandbox.read_text(SEEN) if cmds else "") == "".join(f"{n} {ORDER[n]}\n" for n in (c[0].rsplit("/")[-1] for c in cmds))
 
 
 def test_real_miniupnpd_accepts_the_file(daemon, sandbox, conf, clean):
