@@ -31,10 +31,10 @@ ONE = dict(disks=[SDA], mtab=[A1])
 P17 = [(f"/dev/sda{i}", f"P{i}", "ext4") for i in range(17, 0, -1)]
 ROWS = [
     r("status-none", "diskstatus", status("0K"), "di.sector_num = 0\n"),
-    r("status-share-only", "diskstatus", status("1.00G", ("USB_A1", "fat"), ("USB_A2", "ext4", {"capacity": "2.00G", "used": "0K", "avai": "2.00G"})), "di.sector_num = 2\n",
+    r("status-share-only", "diskstatus", status("1.00G", ("USB_A1", "fat"), ("BIG", "ext4", {"capacity": "2.00G", "used": "0K", "avai": "2.00G"})), "di.sector_num = 2\n",
       [[VOL_ID, "-t", "/dev/sda1"], [VOL_ID, "-t", "/dev/sda2"]], disks=[("sda", "ATA", "Disk", 2097152), ("sdb", "SD", "Card", 4096)],
       mtab=[("rootfs", "/", "rootfs"), A1, ("ramdisk", "RAM", "ramfs"), ("/dev/sdb1", "/tmp/elsewhere", "ext4"),
-            ("/dev/sda2", "USB_A2", "ext4"), ("/dev/sdb1", "missing", "ext4")]),
+            ("/dev/sda2", "BIG", "ext4"), ("/dev/sdb1", "missing", "ext4")]),
     r("status-disk-of-first", "diskstatus", status("0K", ("TMP", "ext4"), ("USB_A1", "fat")), disks=[SDA],
       mtab=[("hxtmp", "TMP", "tmpfs"), A1]),
     r("status-label-63", "diskstatus", status("1.0M", ("L" * 63, "fat")), disks=[SDA], mtab=[("/dev/sda1", "L" * 100, "vfat")]),
@@ -91,8 +91,8 @@ def test_disk_item(sandbox, daemon, item, want, out, cmds, p, disks, mtab, rm, v
     mtab = [(n, d if d.startswith("/") else f"{SHARE}/{d}", t) for n, d, t in mtab]
     for _, d, _ in mtab:
         sandbox.run(["mkdir", "-p", d]) if "missing" not in d else None
-    if any(d.endswith("USB_A2") for _, d, _ in mtab):
-        sandbox.run(["mount", "-t", "tmpfs", "-o", "size=2g", "hxbig", f"{SHARE}/USB_A2"], check=True)
+    if any(d.endswith("BIG") for _, d, _ in mtab):
+        sandbox.run(["mount", "-t", "tmpfs", "-o", "size=2g", "hxbig", f"{SHARE}/BIG"], check=True)
     sandbox.set_mtab("".join(f"{n} {d} {t} rw 0 0\n" for n, d, t in mtab))
     for f in rm:
         sandbox.remove(f)
