@@ -1,4 +1,4 @@
-"""Requests of the device tests, each with what the daemon printed meanwhile."""
+"""Device-test requests: the reply and what the daemon printed meanwhile; nothing may reach the console."""
 import json
 import re
 
@@ -18,22 +18,16 @@ SUCCESS, INVALID, INTERNAL = result("success"), result("invalid arguments"), res
 NULL, TYPE = "Input parameter is NULL.\n", "Unexpected json type.\n"
 
 
-def ask(sandbox, daemon, targets=None, infos=()):
-    """A revalidate of targets, or a pref-get of infos: (reply, standard output meanwhile).
-    Nothing may reach the console."""
+def ask(sandbox, daemon, targets=None, infos=None, out=None):
+    """A revalidate of targets or a pref-get of infos; out, if given, is the exact output or a pattern of it."""
     before, console = daemon.stdout(), sandbox.console()
-    args = {"confs": [], "infos": list(infos)} if targets is None else targets
-    reply = send(sandbox, {"method": "pref-get" if targets is None else "revalidate", "arguments": args})
-    out = stdout_since(sandbox, daemon, before)
+    reply = send(sandbox, {"method": "revalidate", "arguments": targets} if infos is None else
+                 {"method": "pref-get", "arguments": {"confs": [], "infos": infos}})
+    got = stdout_since(sandbox, daemon, before)
     assert console_after(sandbox, console) == ""
-    return reply, out
+    assert out is None or (out.fullmatch(got) if isinstance(out, re.Pattern) else got == out), got
+    return reply, got
 
 
 def infos(sandbox, *names):
-    return json.loads(send(sandbox, {"method": "pref-get", "arguments": {"confs": [], "infos": list(names)}}))[
-        "arguments"]["infos"]
-
-
-def same(out, want):
-    """Output against its exact text, or a pattern where it holds a process id."""
-    return bool(want.fullmatch(out)) if isinstance(want, re.Pattern) else out == want
+    return json.loads(send(sandbox, {"method": "pref-get", "arguments": {"confs": [], "infos": names}}))["arguments"]["infos"]
