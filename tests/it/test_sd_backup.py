@@ -10,7 +10,7 @@ from helpers import revalidate, stdout_since, store_restore, wait_for
 SCRIPT, SHARE, BLKID = "/etc/app/sync/gw_copy_prog.sh", "/tmp/media/share", "/sbin/blkid"
 USB, CARD = f"{SHARE}/USB_A1", f"{SHARE}/sdcard"
 DEST, LOG, PLAIN = f"{USB}/Owner1/Backup/SD Card 32GB 1A2B-3C4D", f"{USB}/.log/sync.log", f"{USB}/Owner1/Backup/SD Card"
-INTERNAL_, NO_CARD = result("sync_internal_error"), result("sync_no_sdcard_found")
+SYNC_INTERNAL, NO_CARD, LOW = result("sync_internal_error"), result("sync_no_sdcard_found"), result("sync_low_battery_power")
 FOUND, UUID = "\nget sdcard, name = sdb\nsd name = SD Card 32GB 1A2B-3C4D\n", '/dev/sdb1: LABEL="SD" UUID="1A2B-3C4D" TYPE="vfat"'
 PARTS = "major minor  #blocks  name\n\n   8 0 7814144 sda\n   8 1 7813120 sda1\n   8 16 31166976 sdb\n"
 COPY = f"""[ "$1" = 1 ] && cp -a {CARD}/. "$3"/ && mkdir -p {USB}/.log
@@ -47,17 +47,17 @@ def r(want=SUCCESS, dest=DEST, out=None, action="start", raw={}, blkid=UUID, car
     r(out=re.compile(re.escape(FOUND) + "(?s:.*)"), cmds=RAN + [[SCRIPT, "1", f"{SHARE}/", DEST]]),
     r(dest=PLAIN, card=None, out=re.compile(r"(?s).*\nget disk list successfully, buy can't find sdcard\n.*")),
     r(dest=PLAIN, card=False), r(bat=("1\n", "Charging\n")), r(bat=("2\n", "Discharging\n")),
-    r(LOW := result("sync_low_battery_power"), None, bat=("1\n", "Discharging\n")),
+    r(LOW, None, bat=("1\n", "Discharging\n")),
     *[r(NO_CARD, None, "no sdcard found\n", a, {("rtconf", "sd_state"): b'"off"\0'}, cmds=[]) for a in ("start", "cancel")],
     *[r(SUCCESS, None, FOUND, a, cmds=RAN[:1]) for a in ("pause", "other")],
-    *[r(INTERNAL_, None, m + "\n", raw={(s, k): v}) for s, k, v, m in [
+    *[r(SYNC_INTERNAL, None, m + "\n", raw={(s, k): v}) for s, k, v, m in [
         ("rtconf", "sd_state", None, "rtConfGet error for sd_state"), ("rtconf", "sd_state", b"on\0", "token parse error for sd_state"),
         ("rtconf", "first_mnt_dir", None, "rtConfGet error for first_mnt_dir"),
         ("rtconf", "first_mnt_dir", b"{\0", "token parse error for first_mnt_dir"),
         ("rtconf", "first_mnt_dir", b'"/mnt/usb"\0', "MOUNT_DIR error"),
         ("sysconf", "active_user", None, "sysConfGet error for active_user name"),
         ("sysconf", "active_user", b"user1\0", "token parse error for active_user")]],
-    r(INTERNAL_, None, blkid='/dev/sdb1: UUID="$(reboot)" TYPE="vfat"')])
+    r(SYNC_INTERNAL, None, blkid='/dev/sdb1: UUID="$(reboot)" TYPE="vfat"')])
 def test_sd_copy(sd, daemon, action, want, dest, out, raw, blkid, card, bat, cmds):
     for key, value in raw.items():
         store_restore(sd, *key, value)
