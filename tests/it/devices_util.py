@@ -1,0 +1,33 @@
+"""Device-test requests: the reply and what the daemon printed meanwhile; nothing may reach the console."""
+import json
+import re
+
+from hxsim import jsonc_text
+from helpers import console_after, send, stdout_since
+
+
+def result(text):
+    return jsonc_text({"arguments": {}, "result": text}).encode()
+
+
+def answer(infos):
+    return jsonc_text({"arguments": {"confs": {}, "infos": infos}, "result": "success"}).encode()
+
+
+SUCCESS, INVALID, INTERNAL = result("success"), result("invalid arguments"), result("internal error")
+NULL, TYPE = "Input parameter is NULL.\n", "Unexpected json type.\n"
+
+
+def ask(sandbox, daemon, targets=None, infos=None, out=None):
+    """A revalidate of targets or a pref-get of infos; out, if given, is the exact output or a pattern of it."""
+    before, console = daemon.stdout(), sandbox.console()
+    reply = send(sandbox, {"method": "revalidate", "arguments": targets} if infos is None else
+                 {"method": "pref-get", "arguments": {"confs": [], "infos": infos}})
+    got = stdout_since(sandbox, daemon, before)
+    assert console_after(sandbox, console) == ""
+    assert out is None or (out.fullmatch(got) if isinstance(out, re.Pattern) else got == out), got
+    return reply, got
+
+
+def infos(sandbox, *names):
+    return json.loads(send(sandbox, {"method": "pref-get", "arguments": {"confs": [], "infos": names}}))["arguments"]["infos"]
