@@ -67,7 +67,7 @@ ROWS = {
     "enterprise": [{"wl_security": "wpa-enterprise"}, [("Protocol=32\n", ""), (WPA2, "")], US],
     "other": [{"wl_ap_mac": "00:11:22:33:44:55", "wl_broadcast_ssid": "off", "wl_preamble_type": "long"},
               [(C11, "AP_MAC=00:11:22:33:44:55\n" + C11), ("SSID=1", "SSID=0"), ("Type=0", "Type=1")], US],
-    **{key: [{key[3:].split("|")[0]: value}, key.split("|")[1], US] for key, value in [
+    **{key.split("|")[0]: [{key[3:].split("|")[0]: value}, key.split("|")[1], US] for key, value in [
         ("no-wl_ssid|SSID=", b"{bad\0"), ("no-wl_beacon_period|BeaconPeriod", b"{\0"), ("no-wl_dtim_period|DTIM", None),
         ("no-wl_fw_mode|MaxSta", b"[\0"), ("no-wl_wep_key2|Key_2", b"{\0"), ("no-wl_wpa_encryption|PwkCipherWPA2", b"{\0"),
         ("nl-wl_ssid|SSID=", "Trip\nRadioControl=0"), ("nl-wl_channel|Channel=", "6\nBand=1"), ("nl-wl_wep_key1|Key_1", "a\nx"),
