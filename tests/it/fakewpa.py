@@ -1,78 +1,35 @@
-#!/usr/bin/python3
-"""A scripted fake wpa_supplicant control interface, run inside the sandbox.
+"""fakewpa.py SOCKET LOG: a supplicant control socket; logs requests as "SENDER REPR", answers "OK\\n".
+Input lines: "reply CMD<TAB>TEXT", "silent CMD", "event TEXT" (to attached clients), "event-to-all TEXT"."""
+import os, select, socket, sys  # noqa: E401
 
-    fakewpa.py SOCKET LOG
-
-Binds the Unix datagram socket SOCKET (e.g. /var/run/wpa_supplicant/mlan0)
-and answers each request datagram with one reply datagram, as the real
-supplicant does: "ATTACH" and "DETACH" add and remove the sender from the
-attached clients; every other command gets its scripted reply (default
-"OK\\n"; "PING" gets "PONG\\n"). Each request is appended to LOG as
-"<sender> <command>" (one line, the command as repr of its text).
-
-Lines on standard input script it:
-    reply CMD<TAB>TEXT   CMD is answered with TEXT (\\n escapes a newline)
-    silent CMD           CMD gets no reply at all (the client times out)
-    event TEXT           TEXT is sent to every attached client
-    event-to-all TEXT    the same; also to clients that did not attach
-"ready" is printed on standard output once the socket is bound, and "done"
-after each input line has been carried out.
-"""
-import os
-import select
-import socket
-import sys
-
-
-def main():
-    path, log_path = sys.argv[1], sys.argv[2]
-    os.makedirs(os.path.dirname(path), exist_ok=True)
-    if os.path.exists(path):
-        os.unlink(path)
-    s = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-    s.bind(path)
-    replies = {"PING": b"PONG\n"}
-    silent = set()
-    attached, seen = [], []
-    log = open(log_path, "a", buffering=1)
-    print("ready", flush=True)
-    while True:
-        ready, _, _ = select.select([s, sys.stdin], [], [])
-        if s in ready:
-            data, sender = s.recvfrom(8192)
-            cmd = data.decode(errors="replace")
-            log.write("%s %r\n" % (sender, cmd))
-            if sender not in seen:
-                seen.append(sender)
-            if cmd == "ATTACH" and sender not in attached:
-                attached.append(sender)
-            if cmd == "DETACH" and sender in attached:
-                attached.remove(sender)
-            if cmd in silent:
-                continue
-            reply = replies.get(cmd, b"OK\n")
-            try:
-                s.sendto(reply, sender)
-            except OSError:
-                pass
-        if sys.stdin in ready:
-            line = sys.stdin.readline()
-            if not line:
-                return
-            verb, _, arg = line.rstrip("\n").partition(" ")
-            if verb == "reply":
-                cmd, _, text = arg.partition("\t")
-                replies[cmd] = text.replace("\\n", "\n").encode()
-            elif verb == "silent":
-                silent.add(arg)
-            elif verb in ("event", "event-to-all"):
-                for client in list(attached if verb == "event" else seen):
-                    try:
-                        s.sendto(arg.encode(), client)
-                    except OSError:
-                        pass
-            print("done", flush=True)
-
-
-if __name__ == "__main__":
-    main()
+path, log_path = sys.argv[1:3]
+os.makedirs(os.path.dirname(path), exist_ok=True)
+os.path.exists(path) and os.unlink(path)
+s = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+s.bind(path)
+replies, silent, attached, seen, log = {}, set(), [], [], open(log_path, "a", buffering=1)
+print("ready", flush=True)
+while True:
+    ready, out = select.select([s, sys.stdin], [], [])[0], []
+    if s in ready:
+        data, sender = s.recvfrom(8192)
+        cmd = data.decode(errors="replace")
+        log.write("%s %r\n" % (sender, cmd))
+        seen += [] if sender in seen else [sender]
+        if cmd in ("ATTACH", "DETACH"):
+            attached = [a for a in attached if a != sender] + [sender] * (cmd == "ATTACH")
+        out = [] if cmd in silent else [(replies.get(cmd, b"OK\n"), sender)]
+    if sys.stdin in ready:
+        verb, _, arg = (sys.stdin.readline() or "quit").rstrip("\n").partition(" ")
+        if verb == "quit":
+            break
+        if verb == "reply":
+            replies[arg.split("\t")[0]] = arg.split("\t")[1].replace("\\n", "\n").encode()
+        silent |= {arg} if verb == "silent" else set()
+        out = [(arg.encode(), c) for c in (seen if verb == "event-to-all" else attached)] if verb[:5] == "event" else []
+    for data, to in out:
+        try:
+            s.sendto(data, to)
+        except OSError:
+            pass
+    sys.stdin in ready and print("done", flush=True)
