@@ -1,4 +1,4 @@
-"""Sync tasks. The COPY stub copies, stores progress and result and posts "sync_signal" "stop" as the platform's does."""
+"""Sync tasks. The COPY stub copies, stores progress and result, and posts "sync_signal" "stop"."""
 import re
 
 import pytest

@@ -64,7 +64,7 @@ def salt_for(t):  # the salt comes from srandom(t)/random() for a second the req
 START = {"action": "start"}
 
 
-@pytest.mark.parametrize("name, passwd, value, want, conf, cmds, out", [  # conf: the file, or the (name, password) of a login
+@pytest.mark.parametrize("name, passwd, value, want, conf, cmds, out", [  # conf: the file or a login's (name, password)
     (None, '"s"', START, OK, FIXED, RUN, ""), ('"admin"', None, {"action": "restart"}, OK, FIXED, RUN, ""),
     (None, None, {"action": "stop"}, OK, OLD, [KILL], ""), ("1234", "5678", START, OK, ("1234", "5678"), RUN, ""),
     *[('"admin"', json.dumps(p), START, OK, ("admin", p), RUN, "") for p in ["secret", "p@ss word!"]],
@@ -93,7 +93,7 @@ ALL = dict(zip(MEMBERS, ["192.168.100.10", "u-boot.bin", "uImage", "jffs2.img", 
 LONG = {m: "a" * 90 if m == "serverip" else "b" for m in MEMBERS}  # 96 characters: a command of 127
 
 
-def fw(value, words, shown=None):  # the command printed (an absent part is the quoted word '(null)') and the script's argv
+def fw(value, words, shown=None):  # the command printed (an absent part shown as '(null)') and the argv
     return "firmwareupgrade", value, OK, " ".join([FW] + (shown or words)) + " &\n", [[FW] + words]
 
 
@@ -147,7 +147,7 @@ SET, KEEP, BAD = {"fm": {"action": "set_freq"}}, b'"87.5"\0', "Invalid FM freque
                                                     b'"87."', b'"1087.5"', b'true')],
     ({"usbcharger": {"action": "on"}, "samba": {"action": "restart"}, "dlna": {"action": "stop"}, **SET,
       "webdav": {"action": "start"}}, KEEP, OK, "", [[USB, "on"], SMB_OFF, SMB, DLNA_OFF, [FM, "set_freq", "87.5"], WD]),
-    ({"webdav": {"action": "stop"}, **SET, "samba": {"action": "start"}}, b'"120"\0', INTERNAL, BAD, [WD_OFF])])  # ends the request
+    ({"webdav": {"action": "stop"}, **SET, "samba": {"action": "start"}}, b'"120"\0', INTERNAL, BAD, [WD_OFF])])
 def test_media_request(sandbox, daemon, req, freq, want, out, cmds):
     store_restore(sandbox, *FREQ, freq)
     for argv in cmds:  # a failing script is not reported

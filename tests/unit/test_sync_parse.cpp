@@ -34,7 +34,7 @@ TEST(Sync, LogRecordsAndTheLast50)
 	const std::pair<std::string, std::string> lines[] = {
 		{";;log_id=7;;result=failed;;sync_type=auto;;dest_dir=USB_A1/Owner1;;file_count=12;;oldest_file=a.jpg"
 		 ";;oldest_time=100;;newest_file=b c.jpg;;newest_time=200\n", "7 failed auto [USB_A1/Owner1] 12 [a.jpg] 100 [b c.jpg] 200"},
-		{"junk;;log_id=4;;result=maybe;;sync_type= auto later;;file_count=x;;noequals;;=5\n", "4 success auto [] 0 [] 0 [] 0"},
+		{"junk;;log_id=4;;result=maybe;;sync_type= auto x;;file_count=x;;noequals;;=5\n", "4 success auto [] 0 [] 0 [] 0"},
 		{";;dest_dir=" + std::string(300, 'v'), "0 success manual [" + std::string(255, 'v') + "] 0 [] 0 [] 0"}};
 	for (const auto &[line, record] : lines) {
 		backup_record r;
