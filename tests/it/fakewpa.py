@@ -1,5 +1,5 @@
-"""fakewpa.py SOCKET LOG: a supplicant control socket; logs requests as "SENDER REPR", answers "OK\\n".
-Input lines: "reply CMD<TAB>TEXT", "silent CMD", "event TEXT" (to attached clients), "event-to-all TEXT"."""
+"""fakewpa.py SOCKET LOG: a supplicant control socket; logs "SENDER REPR", answers "OK\\n" unless told on stdin:
+"reply CMD<TAB>TEXT", "silent CMD", "event TEXT" (to attached clients), "event-to-all TEXT"."""
 import os, select, socket, sys  # noqa: E401
 
 path, log_path = sys.argv[1:3]

@@ -1,26 +1,16 @@
-"""The scan thread and the access-point lists, the station's link, the AP's channel, cut-through
-and TDLS peer links.  One daemon for the module: the scan tests run in file order."""
+"""Scans and access-point lists, the station's link, the AP's channel, cut-through, TDLS (tests run in file order)."""
 import json
 
 import pytest
 
-from helpers import revalidate, send, stdout_since, wait_for
-from wifi_util import DROPPED, INTERNAL, INVALID, NOT_OBJECT, SUCCESS, conf, fakewpa  # noqa: F401
+from helpers import revalidate, stdout_since, wait_for
+from wifi_util import DROPPED, INTERNAL, INVALID, NOT_OBJECT, SUCCESS, answer, conf, fakewpa, get  # noqa: F401
 
 IWLIST, IWCONFIG, UAP, CUT, GATE = "/sbin/iwlist", "/usr/sbin/iwconfig", "/sbin/uaputl.exe", "/etc/app/gw_cutthrough.sh", "/tmp/gate"
 WPA2, EAP = "IE: IEEE 802.11i/WPA2 Version 1", "Authentication Suites (1) : 802.1x"
 
 
-def get(sandbox, *names):
-    return send(sandbox, {"method": "pref-get", "arguments": {"confs": [], "infos": list(names)}})
-
-
-def answer(*members):
-    return b'{ "arguments": { "confs": { }, "infos": { %s } }, "result": "success" }' % b", ".join(members)
-
-
-def printing(text):
-    return f"cat <<'HXEOF'\n{text}HXEOF\n"
+def printing(text): return f"cat <<'HXEOF'\n{text}HXEOF\n"
 
 
 def cell(mac, essid, freq, level, *lines):
@@ -28,7 +18,6 @@ def cell(mac, essid, freq, level, *lines):
                    f"Quality=50/100  {level} dBm  Noise level=-95 dBm") + lines)
 
 
-# The driver's listing, trimmed to the lines that matter.
 SCAN = "mlan0     Scan completed :\n" + "".join([
     cell("00:24:01:D3:A0:BE", '"HomeNet"', "Frequency:2.437 GHz (Channel 6)", "Signal level=-52", "Encryption key:on", WPA2),
     cell("9C:D6:43:11:22:33", '"Cafe Guest"', "Frequency:2.412 GHz (Channel 1)", "Signal level=-78", "Encryption key:off"),
@@ -64,26 +53,18 @@ def test_scan_thread_runs_once_at_a_time_and_lists_the_strongest_first(daemon, s
     assert sandbox.cmdlog() == [[IWLIST, "mlan0", "scan"]]
 
 
-ODD = "".join([  # bounds: 32-byte SSID, 17-character address, clamped numbers, 255-byte lines, frequencies
+ODD = "".join([  # a 32-byte SSID, a 17-character address, a clamped level
     cell("00:11:22:33:44:55:66", '"%s"' % ("0123456789" * 4), "Frequency:2.472 GHz", "Signal level=-1"),
     cell("00:11:22:33:44:5G", '"open', "Frequency:2.484 GHz", "Signal level=-99999999999999999999", "Encryption key:on",
-         "IE: WPA Version 1"), cell("00:00:00:00:00:01", '"x"', "Channel:99999999999999999999", "Signal level=-2",
-                                    "Encryption key:on", EAP),
-    cell("00:00:00:00:00:02", '"y"', "Frequency:2.477 GHz", "Signal level=-3", "IE: WPA Version 1", WPA2, EAP),
-    cell("00:00:00:00:00:03", '"z"', "Frequency:5.825 GHz", "Signal level=-4"),
-    cell("00:00:00:00:00:04", '"long"' + " " * 233, "Frequency:2.407 GHz", "Signal level=-5"),
-    cell("00:00:00:00:00:05", '"fits"' + " " * 232, "Frequency:2.412 GHz", "Signal level=-6")])
+         "IE: WPA Version 1"),
+    cell("00:00:00:00:00:02", '"y"', "Frequency:2.477 GHz", "Signal level=-3", "IE: WPA Version 1", WPA2, EAP)])
 
 
 @pytest.mark.parametrize("body, aps", [
-    (printing("mlan0     No scan results\n"), []),
     ("echo 'mlan0     Interface doesn'\"'\"'t support scanning : Device or resource busy' >&2\nexit 255\n", []),
     (printing(ODD), [["01234567890123456789012345678901", "00:11:22:33:44:55", "13", "-1", "NONE"],
-                     ["", "", "14", "-99999", "WPA-PSK"], ["x", "00:00:00:00:00:01", "99999", "-2", "WEP"],
-                     ["y", "00:00:00:00:00:02", "0", "-3", "WPA/WPA2-EAP"], ["z", "00:00:00:00:00:03", "165", "-4", "NONE"],
-                     ["", "00:00:00:00:00:04", "0", "-5", "NONE"], ["fits", "00:00:00:00:00:05", "1", "-6", "NONE"]]),
-    (printing("".join(cell("00:50:43:00:00:%02X" % n, f'"n{n}"', "Channel:1", "Signal level=-1") for n in range(80))),
-     [["n%d" % n, "00:50:43:00:00:%02X" % n, "1", "-1", "NONE"] for n in range(64)])], ids=["empty", "failing", "odd", "80"])
+                     ["", "", "14", "-99999", "WPA-PSK"], ["y", "00:00:00:00:00:02", "0", "-3", "WPA/WPA2-EAP"]])],
+    ids=["failing", "odd"])
 def test_scan_replaces_the_list(daemon, sandbox, body, aps):
     sandbox.stub(IWLIST, body)
     try:
@@ -98,24 +79,15 @@ def test_scan_replaces_the_list(daemon, sandbox, body, aps):
 CONNECTED = ('mlan0     IEEE 802.11-DS  ESSID:"HomeNet"  \n          Mode:Managed  Frequency:2.437 GHz  Access Point: '
              "00:24:01:D3:A0:BE   \n          Bit Rate=72 Mb/s   Tx-Power=13 dBm   \n"
              "          Link Quality=68/100  Signal level=-52 dBm  Noise level=-95 dBm\n")
-IDLE = "mlan0     IEEE 802.11-DS  ESSID:off/any  \n          Mode:Managed  Access Point: Not-Associated   Tx-Power=13 dBm   \n"
-DOWN = b'"state": "disconnected", "ssid": "", "bssid": "", "channel": "", "signal": "", "bitrate": ""'
 
 
 @pytest.mark.parametrize("item, program, body, setting, member", [
     ("s_staconninfo", IWCONFIG, printing(CONNECTED), None, b'{ "state": "connected", "ssid": "HomeNet", "bssid": '
      b'"00:24:01:D3:A0:BE", "channel": "6", "signal": "-52", "bitrate": "72 Mb\\/s" }'),
-    ("s_staconninfo", IWCONFIG, printing(IDLE), None, b"{ %s }" % DOWN),
-    ("s_staconninfo", IWCONFIG, "echo 'mlan0     No such device' >&2\nexit 1\n", None, b"{ %s }" % DOWN),
     ("s_wl_channel", UAP, printing("AP settings:\nChannel = 11\nChannel Select Mode = Manual\nChannel List:\nChannel = 1\n"),
      "6", b'"11"'),
     ("s_wl_channel", UAP, "echo 'ERR:UAP_BSS_CONFIG is not supported by uap0'\nexit 1\n", "6", b'"6"'),
-    ("s_wl_channel", UAP, "exit 1\n", "123456789012", b'"12345678901"'), ("s_wl_channel", UAP, "exit 1\n", None, b'"0"'),
-    ("s_wl_channel", UAP, printing("Channel = 199\n"), "6", b'"199"'), ("s_wl_channel", UAP, printing("Channel = 200\n"), "6", b'"6"'),
-    ("s_staconninfo", IWCONFIG, printing(CONNECTED.replace("=72", "=1234567890123456789")), None, b'{ "state": "connected", '
-     b'"ssid": "HomeNet", "bssid": "00:24:01:D3:A0:BE", "channel": "6", "signal": "-52", "bitrate": "123456789012345 Mb\\/s" }')],
-    ids=["link-up", "link-idle", "link-failing", "channel", "channel-setting", "setting-bounded", "no-setting", "199", "200",
-         "rate-bounded"])
+    ("s_wl_channel", UAP, "exit 1\n", None, b'"0"')], ids=["link-up", "channel", "setting", "none"])
 def test_link_and_channel(daemon, sandbox, conf, item, program, body, setting, member):
     item == "s_wl_channel" and conf("wl_channel", setting)
     sandbox.stub(program, body)
@@ -132,28 +104,22 @@ def test_cut_through(daemon, sandbox):
     sandbox.stub(CUT, "exit 0\n")
     sandbox.clear_cmdlog()
     before, got = daemon.stdout(), [get(sandbox, "cutthrough_status")]
-    for value in ({"action": "start"}, {"action": "stop"}, {"action": "restart"}, {}, "start"):
+    for value in ({"action": "start"}, {"action": "stop"}, {}, "start"):
         got += [revalidate(sandbox, {"cut_through": value}), get(sandbox, "cutthrough_status")]
-    assert got == [status[0], SUCCESS, status[1]] + [SUCCESS, status[0]] * 3 + [INVALID, status[0]]
+    assert got == [status[0], SUCCESS, status[1]] + [SUCCESS, status[0]] * 2 + [INVALID, status[0]]
     assert (stdout_since(sandbox, daemon, before), sandbox.cmdlog()) == (NOT_OBJECT, [[CUT, "start"], [CUT, "stop"]])
-    sandbox.stub(CUT, "exit 1\n")
-    assert [revalidate(sandbox, {"cut_through": {"action": "start"}}), get(sandbox, "cutthrough_status")] == [INTERNAL, status[0]]
-    sandbox.stub(CUT, "exit 0\n")
 
 
 PEER, PEER2, BROADCAST = "02:1a:11:f0:4c:7e", "02:1a:11:f0:4c:80", "TDLS_DISCOVER ff:ff:ff:ff:ff:ff"
 RESOLVE = {"sys_event": {"action": "TDLS_EVENT_RESOLVE_SUCCESS", "arg": PEER2}}
 
 
-def tdls(state, peer=""):
-    return answer(b'"s_tdlsstatus": { "state": "%s", "peer": "%s" }' % (state.encode(), peer.encode()))
+def tdls(state, peer=""): return answer(('"s_tdlsstatus": { "state": "%s", "peer": "%s" }' % (state, peer)).encode())
 
 
 @pytest.mark.parametrize("request_, reply, out", [
     ({"tdls": {"action": "start", "peer": PEER}}, INTERNAL, DROPPED % ("TDLS_SETUP " + PEER)),
-    ({"tdls": {"action": "start"}}, INVALID, ""), ({"tdls": {"action": "start", "peer": "nobody"}}, INVALID, ""),
-    ({"tdls": {"action": "start", "peer": 5}}, INVALID, ""), ({"tdls": {"action": "start", "peer": PEER[:-1]}}, INVALID, ""),
-    ({"tdls": {"action": "stop"}}, SUCCESS, ""), ({"tdls": {"action": "pause"}}, SUCCESS, ""), ({"tdls": ["start"]}, INVALID, NOT_OBJECT),
+    ({"tdls": {"action": "start", "peer": PEER[:-1]}}, INVALID, ""), ({"tdls": ["start"]}, INVALID, NOT_OBJECT),
     ({"sys_event": {"action": "TDLS_EVENT_RESOLVE_SUCCESS", "arg": "nobody"}}, SUCCESS, "TDLS: Invalid peer address\n")])
 def test_tdls_without_supplicant(daemon, sandbox, request_, reply, out):
     before = daemon.stdout()
@@ -186,18 +152,3 @@ def test_tdls_discovery_setup_link_and_teardown(daemon, sandbox, fakewpa):
     request = json.dumps({"method": "revalidate", "arguments": {"tdls": {"action": "start", "peer": PEER2}}})
     assert sandbox.request(request.encode(), timeout=60) == INTERNAL and get(sandbox, "s_tdlsstatus") == tdls("idle")
     assert fakewpa.commands() == [BROADCAST, "TDLS_SETUP " + PEER, "TDLS_TEARDOWN " + PEER, "TDLS_SETUP " + PEER2]
-
-
-def test_tdls_link_down_and_peer_bound(daemon, sandbox, fakewpa):
-    assert revalidate(sandbox, RESOLVE) == SUCCESS and get(sandbox, "s_tdlsstatus") == tdls("connecting", PEER2)
-    fakewpa.tell("event <3>TDLS-LINK-DOWN " + PEER2)
-    wait_for(lambda: get(sandbox, "s_tdlsstatus") == tdls("idle"))
-    assert revalidate(sandbox, {"tdls": {"action": "stop"}}) == SUCCESS
-    assert fakewpa.commands() == ["TDLS_SETUP " + PEER2]  # nothing to tear down
-    get(sandbox, "s_scantdlsdevice")
-    for n in range(17):
-        fakewpa.tell("event <3>TDLS-DISC-RESP 02:00:00:00:01:%02x" % n)
-    wait_for(lambda: b"01:10" in get(sandbox, "s_scantdlsdeviceresult") or b"01:0f" in get(sandbox, "s_scantdlsdeviceresult"))
-    wait_for(lambda: "01:10" in daemon.stdout())
-    assert [m["mac"] for m in json.loads(get(sandbox, "s_scantdlsdeviceresult"))["arguments"]["infos"][
-        "s_scantdlsdeviceresult"]] == ["02:00:00:00:01:%02x" % n for n in range(16)]

@@ -6,7 +6,7 @@ import subprocess
 
 import pytest
 
-from helpers import revalidate, stdout_since, store_restore
+from helpers import revalidate, send, stdout_since, store_restore
 
 SUCCESS, INTERNAL = b'{ "arguments": { }, "result": "success" }', b'{ "arguments": { }, "result": "internal error" }'
 INVALID = b'{ "arguments": { }, "result": "invalid arguments" }'
@@ -15,14 +15,18 @@ WPA_SOCKET, FAKE_LOG = "/var/run/wpa_supplicant/mlan0", "/tmp/fakewpa.log"
 DROPPED = "WPACli: Not connected to wpa_supplicant, command %s dropped\n"
 
 
-def jtext(value):
-    return json.dumps(value).replace("/", "\\/").encode() + b"\0"
+def jtext(value): return json.dumps(value).replace("/", "\\/").encode() + b"\0"
+
+
+def get(sandbox, *names): return send(sandbox, {"method": "pref-get", "arguments": {"confs": [], "infos": list(names)}})
+
+
+def answer(*m): return b'{ "arguments": { "confs": { }, "infos": { %s } }, "result": "success" }' % b", ".join(m)
 
 
 @pytest.fixture
 def conf(daemon, sandbox):
-    """conf(key, value, store="sysconf"): None deletes, bytes are stored raw."""
-    saved = []
+    saved = []  # conf(key, value, store): None deletes, bytes are stored raw
     yield lambda key, value, store="sysconf": (saved.append((store, key, sandbox.store_get(store, key))), (
         sandbox.store_delete(store, key) if value is None else
         sandbox.store_set(store, key, value if isinstance(value, bytes) else jtext(value))))
@@ -41,8 +45,6 @@ class Effects:
 
 
 class FakeWpa:
-    """fakewpa.py at mlan0's control socket."""
-
     def __init__(self, sandbox):
         self.sandbox = sandbox
         sandbox.write(FAKE_LOG, b"")
@@ -54,14 +56,11 @@ class FakeWpa:
         self.proc.stdin.write(line + "\n")
         self.proc.stdin.flush()
         assert self.proc.stdout.readline() == "done\n"
-    send = tell
 
-    def log(self):
-        """(sender, command) of each request."""
+    def log(self):  # (sender, command) of each request
         return [(s, ast.literal_eval(c)) for s, c in (x.split(" ", 1) for x in self.sandbox.read_text(FAKE_LOG).splitlines())]
 
-    def commands(self):
-        return [cmd for _, cmd in self.log() if cmd not in ("ATTACH", "DETACH")]
+    def commands(self): return [cmd for _, cmd in self.log() if cmd not in ("ATTACH", "DETACH")]
 
     def stop(self):
         self.proc.poll() is None and (self.proc.stdin.close(), self.proc.wait(timeout=30))
