@@ -1,29 +1,37 @@
 #include "tests/unit/support.h"
 
 #include <dirent.h>
+#include <stdarg.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <gdbm.h>
 
+#include "core/console.h"
 #include "core/owned.h"
-#include "tests/unit/console_capture.h"
+
+// Takes core/console.cpp's place: messages are kept in memory.
+static std::string captured;
+
+void gw_console(const char *format, ...)
+{
+	char text[4096];
+	va_list args;
+	va_start(args, format);
+	vsnprintf(text, sizeof(text), format, args);
+	va_end(args);
+	captured += text;
+}
 
 namespace hx::test {
 
-namespace {
-
-std::string tmp_base()
-{
-	const char *base = getenv("TMPDIR");
-	return base == nullptr || base[0] == '\0' ? "/tmp" : base;
-}
-
-}  // namespace
+std::string console() { return captured; }
+void console_reset() { captured.clear(); }
 
 TempDir::TempDir()
 {
-	std::string pattern = tmp_base() + "/hxunitXXXXXX";
+	const char *base = getenv("TMPDIR");
+	std::string pattern = std::string(base == nullptr || *base == '\0' ? "/tmp" : base) + "/hxunitXXXXXX";
 	if (mkdtemp(pattern.data()) == nullptr)
 		abort();
 	path_ = pattern;
@@ -31,32 +39,23 @@ TempDir::TempDir()
 
 TempDir::~TempDir()
 {
-	if (DirPtr d = open_dir(path_.c_str())) {
+	if (DirPtr d = open_dir(path_.c_str()))
 		while (dirent *e = readdir(d.get()))
 			unlink(file(e->d_name).c_str());
-	}
 	rmdir(path_.c_str());
-}
-
-std::string TempDir::file(std::string_view name) const
-{
-	return path_ + "/" + std::string(name);
 }
 
 std::string TempDir::write(std::string_view name, std::string_view contents) const
 {
-	std::string p = file(name);
-	FilePtr f = open_file(p.c_str(), "w");
+	FilePtr f = open_file(file(name).c_str(), "w");
 	if (!f || fwrite(contents.data(), 1, contents.size(), f.get()) != contents.size())
 		abort();
-	return p;
+	return file(name);
 }
 
 void Stores::SetUp()
 {
-	sysconf = dir.file("sysconf.gdbm");
-	rtconf = dir.file("rtconf.gdbm");
-	sysinfo = dir.file("sysinfo.gdbm");
+	sysconf = dir.file("sysconf.gdbm"), rtconf = dir.file("rtconf.gdbm"), sysinfo = dir.file("sysinfo.gdbm");
 	setenv("DB_FILE", sysconf.c_str(), 1);
 	setenv("RT_DB_FILE", rtconf.c_str(), 1);
 	setenv("INFO_DB_FILE", sysinfo.c_str(), 1);
@@ -65,9 +64,8 @@ void Stores::SetUp()
 
 void Stores::TearDown()
 {
-	unsetenv("DB_FILE");
-	unsetenv("RT_DB_FILE");
-	unsetenv("INFO_DB_FILE");
+	for (const char *name : {"DB_FILE", "RT_DB_FILE", "INFO_DB_FILE"})
+		unsetenv(name);
 }
 
 void put_raw(const std::string &store, std::string_view key, std::string_view value)
@@ -98,16 +96,6 @@ std::optional<std::string> fetch(const std::string &store, std::string_view key)
 	std::string bytes(v.dptr, static_cast<size_t>(v.dsize));
 	free(v.dptr);
 	return bytes;
-}
-
-std::string console()
-{
-	return console_captured();
-}
-
-void console_reset()
-{
-	::console_reset();
 }
 
 }  // namespace hx::test
