@@ -86,16 +86,12 @@ void put(const std::string &store, std::string_view key, std::string_view value)
 std::optional<std::string> fetch(const std::string &store, std::string_view key)
 {
 	GDBM_FILE db = gdbm_open(store.c_str(), 0, GDBM_READER, 0, nullptr);
-	if (db == nullptr)
-		return std::nullopt;
 	std::string k = std::string(key) + '\0';
-	datum v = gdbm_fetch(db, datum{k.data(), static_cast<int>(k.size())});
-	gdbm_close(db);
-	if (v.dptr == nullptr)
-		return std::nullopt;
-	std::string bytes(v.dptr, static_cast<size_t>(v.dsize));
-	free(v.dptr);
-	return bytes;
+	datum v = db != nullptr ? gdbm_fetch(db, datum{k.data(), static_cast<int>(k.size())}) : datum{nullptr, 0};
+	Owned<char, free> owner(v.dptr);
+	if (db != nullptr)
+		gdbm_close(db);
+	return v.dptr != nullptr ? std::optional(std::string(v.dptr, static_cast<size_t>(v.dsize))) : std::nullopt;
 }
 
 }  // namespace hx::test

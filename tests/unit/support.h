@@ -1,6 +1,5 @@
 // What the unit tests share: temporary stores, raw records, the captured
-// console and output.  shell_guard.cpp refuses the shell in every unit test:
-// a handler that reached it would run its command on the host.
+// console and standard output.  shell_guard.cpp refuses the shell.
 #pragma once
 #include <gtest/gtest.h>
 
@@ -24,8 +23,7 @@ private:
 	std::string path_;
 };
 
-// DB_FILE, RT_DB_FILE and INFO_DB_FILE point to a directory of their own
-// (no file made); the console capture starts empty.
+// DB_FILE, RT_DB_FILE and INFO_DB_FILE point into dir (no file made); the console starts empty.
 class Stores : public ::testing::Test {
 protected:
 	void SetUp() override;
@@ -34,28 +32,21 @@ protected:
 	std::string sysconf, rtconf, sysinfo;
 };
 
-// put_raw stores key and value as given; put adds the NULs the daemon stores.
+// put_raw stores key and value as given, put with the NULs the daemon adds;
+// fetch gives the bytes under key + NUL (nullopt: no record or no store).
 void put_raw(const std::string &store, std::string_view key, std::string_view value);
 void put(const std::string &store, std::string_view key, std::string_view value);
-// The bytes under key + NUL; nullopt when the record or the store is missing.
 std::optional<std::string> fetch(const std::string &store, std::string_view key);
 std::string console();	// written since console_reset()
 void console_reset();
 
-// What f() writes to standard output (descriptor level), or to standard error.
-template <typename F> std::string stdout_of(F &&f)
+template <typename F> std::string stdout_of(F &&f)	// at descriptor level
 {
 	fflush(stdout);
 	::testing::internal::CaptureStdout();
 	f();
 	fflush(stdout);
 	return ::testing::internal::GetCapturedStdout();
-}
-template <typename F> std::string stderr_of(F &&f)
-{
-	::testing::internal::CaptureStderr();
-	f();
-	return ::testing::internal::GetCapturedStderr();
 }
 
 }  // namespace hx::test

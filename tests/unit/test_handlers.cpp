@@ -1,5 +1,5 @@
-// Handler plumbing that whole requests cannot reach: the target dispatcher's
-// options, the deferred reply, running out of memory, plain stored values.
+// What whole requests cannot reach: the deferred reply, running out of
+// memory, stored values answered without the tokener.
 #include <memory>
 #include <new>
 #include <utility>
@@ -7,41 +7,9 @@
 
 #include "ipc/handlers.h"
 #include "ipc/ipc.h"
-#include "ipc/target.h"
 #include "tests/unit/support.h"
 
 namespace {
-
-std::string ran;
-const char *start(json_object *) { return ran += "start;", nullptr; }
-const char *stop(json_object *) { return ran += "stop;", "stop failed"; }
-constexpr hx::ipc::Action actions[] = {{"start", start}, {"stop", stop}};
-
-TEST(Target, ShapeThenOneActionRow)
-{
-	struct {
-		const char *value, *result, *out, *ran;
-	} cases[] = {
-		{"null", "Bad.", "Input parameter is NULL.\n", ""}, {"[1]", "Bad.", "Unexpected json type.\n", ""},
-		{"{}", nullptr, "", ""}, {"{\"action\": [\"start\"]}", nullptr, "", ""}, {"{\"action\": \"START\"}", nullptr, "", ""},
-		{"{\"action\": \"star\"}", nullptr, "", ""}, {"{\"action\": \"startx\"}", nullptr, "", ""},
-		{"{\"action\": \"start\\u0000x\"}", nullptr, "", "start;"}, {"{\"action\": \"stop\"}", "stop failed", "", "stop;"},
-	};
-	for (const auto &c : cases) {
-		ran.clear();
-		const char *result = nullptr;
-		EXPECT_EQ(hx::test::stdout_of([&] { result = hx::ipc::run_target(hx::json::parse(c.value).get(), {actions, "Bad."}); }), c.out);
-		EXPECT_STREQ(result, c.result) << c.value;
-		EXPECT_EQ(ran, c.ran) << c.value;
-	}
-	static std::string announced;
-	ran.clear();
-	hx::ipc::Target t{actions};
-	t.unknown = "fail", t.ignore_case = true, t.announce = [](const char *a) { announced += a; };
-	EXPECT_STREQ(hx::ipc::run_target(hx::json::parse("{\"action\":\"x\"}").get(), t), "fail");
-	EXPECT_EQ(hx::ipc::run_target(hx::json::parse("{\"action\":\"Start\"}").get(), t), nullptr);
-	EXPECT_EQ(ran + announced, "start;xStart");
-}
 
 void capture(json_object *reply, void *client)
 {

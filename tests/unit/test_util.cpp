@@ -53,7 +53,7 @@ TEST(Util, KillPidfileRefusals)
 	EXPECT_TRUE(waitpid(child, &status, 0) == child && WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
 }
 
-// The 69 characters of the safe set are kept; a "%" without two characters after it is copied.
+// The 69 characters of the safe set are kept.
 TEST(Util, UrlEncoding)
 {
 	const std::string safe = "-./0123456789:@ABCDEFGHIJKLMNOPQRSTUVWXYZ\\_abcdefghijklmnopqrstuvwxyz";
@@ -63,6 +63,7 @@ TEST(Util, UrlEncoding)
 	}
 }
 
+// A "%" without two characters after it is copied.
 TEST(Util, UrlDecoding)
 {
 	for (auto [text, decoded] : {std::pair<std::string, std::string>{"a+b%2F", "a b/"}, {"%7e%7E", "~~"}, {"ab%", "ab%"},
