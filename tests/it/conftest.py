@@ -21,16 +21,10 @@ def need_root():
 
 
 def findings(sb, valgrind):
-    found = []
-    for d, prefix, suffix, marks in ((sb.state, "hxsrvd-", ".stderr", ("Sanitizer", "runtime error:")),
-                                     (sb.path(VALGRIND_LOGS), "valgrind.", "", ("",))):
-        for name in sorted(os.listdir(d)) if valgrind or prefix == "hxsrvd-" else ():
-            if name.startswith(prefix) and name.endswith(suffix):
-                with open(os.path.join(d, name), errors="replace") as f:
-                    text = f.read()
-                if text and any(m in text for m in marks):
-                    found.append(f"{name}:\n{text}")
-    return found
+    logs = [(sb.state, n, ("Sanitizer", "runtime error:")) for n in os.listdir(sb.state) if n.startswith("hxsrvd-") and n.endswith(".stderr")]
+    logs += [(sb.path(VALGRIND_LOGS), n, ("",)) for n in os.listdir(sb.path(VALGRIND_LOGS)) if valgrind and n.startswith("valgrind.")]
+    texts = [(n, open(os.path.join(d, n), errors="replace").read(), marks) for d, n, marks in sorted(logs)]
+    return [f"{n}:\n{text}" for n, text, marks in texts if text and any(m in text for m in marks)]
 
 
 @pytest.fixture(scope="module")
@@ -51,6 +45,5 @@ def sandbox():
 def daemon(sandbox):
     if not os.path.isfile(os.path.join(sandbox.build_dir, "hxsrvd")):
         pytest.skip(f"{sandbox.build_dir}/hxsrvd is not built")
-    d = sandbox.start_daemon()
-    yield d
+    yield (d := sandbox.start_daemon())
     d.stop()

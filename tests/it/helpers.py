@@ -27,14 +27,10 @@ def wait_for(predicate, timeout=30.0, interval=0.05):
     return value
 
 
-def since(text, mark):
-    assert text.startswith(mark)
-    return text[len(mark):]
-
-
 def console_after(sandbox, mark):
     """Console text written since `mark`, an earlier sandbox.console()."""
-    return since(sandbox.console(), mark)
+    assert (text := sandbox.console()).startswith(mark)
+    return text[len(mark):]
 
 
 def send(sandbox, request):
@@ -53,13 +49,11 @@ def pref_set(sandbox, confs):
 def stdout_since(sandbox, daemon, before):
     """Standard output since `before` (an earlier daemon.stdout()), up to the
     marker a later short request prints."""
-    s = sandbox.connect()
-    try:
+    with sandbox.connect() as s:
         s.sendall(SYNC_REQUEST)
         wait_for(lambda: daemon.stdout()[len(before):].endswith(SYNC_OUT))
-    finally:
-        s.close()
-    return since(daemon.stdout(), before)[:-len(SYNC_OUT)]
+    assert (out := daemon.stdout()).startswith(before)
+    return out[len(before):-len(SYNC_OUT)]
 
 
 def recv_until_closed(sock, timeout=30):
