@@ -1,18 +1,11 @@
-"""Requests and replies through the daemon: the request's shape, pref-get,
-pref-set and the revalidate walk with its system-busy guard."""
+"""Request shapes, pref-get, pref-set, the revalidate walk and its system-busy guard."""
 import pytest
 
 from helpers import REVALIDATE_NAMES, console_after, send, stdout_since, store_restore, wait_for
 
 
-def R(result, arguments=b"{ }", tag=b""):
-    return b'{ "arguments": ' + arguments + b', "result": "' + result + b'"' + tag + b" }"
-
-
-def G(confs=b""):
-    return R(b"success", b'{ "confs": ' + (b"{ %s }" % confs if confs else b"{ }") + b', "infos": { } }')
-
-
+R = lambda result, arguments=b"{ }", tag=b"": b'{ "arguments": ' + arguments + b', "result": "' + result + b'"' + tag + b" }"  # noqa: E731
+G = lambda confs=b"": R(b"success", b'{ "confs": ' + (b"{ %s }" % confs if confs else b"{ }") + b', "infos": { } }')  # noqa: E731
 INV, OK, BUSY = R(b"invalid arguments"), R(b"success"), R(b"system busy")
 PG, PS, RV = b'{"method":"pref-get","arguments":', b'{"method":"pref-set","arguments":', b'{"method":"revalidate","arguments":'
 ONGOING = b'{"upgrade_stage": "ongoing"}\0'
@@ -62,10 +55,8 @@ def test_pref_set_stores_json_text(daemon, sandbox, confs, reply, err, stored):
     saved = [sandbox.store_get("sysconf", k) for k in keys]
     before = daemon.stderr()
     try:
-        assert send(sandbox, PS + b'{"confs":' + confs + b"}}") == reply
-        assert daemon.stderr()[len(before):] == err
-        got = [sandbox.store_get("sysconf", k) for k in keys]
-        assert got == [s and s + b"\0" for s in stored] + [b'"HX-R1"\0', None]
+        assert (send(sandbox, PS + b'{"confs":' + confs + b"}}"), daemon.stderr()[len(before):]) == (reply, err)
+        assert [sandbox.store_get("sysconf", k) for k in keys] == [s + b"\0" for s in stored] + [b'"HX-R1"\0', None]
         want = b", ".join(b'"%s": %s' % (k.encode(), s) for k, s in zip(keys, stored) if s and s != b"null")
         assert send(sandbox, PG + b'{"confs":["user3_name","user2_name"],"infos":[]}}') == G(want)
     finally:

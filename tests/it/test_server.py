@@ -1,11 +1,8 @@
 """The connection server over the real socket: one whole request per
-connection and read, its limits, and clients that misbehave."""
-import errno
+connection and read, and clients that misbehave."""
 import fcntl
 import json
 import os
-import resource
-import socket
 import struct
 import termios
 
@@ -92,34 +89,3 @@ def test_slow_and_stalled_clients_do_not_hold_up_others(daemon, sandbox):
     finally:
         for key, raw in saved.items():
             sandbox.store_set("sysconf", key[:-1], raw)
-
-
-def test_no_descriptor_left_pauses_accept_then_recovers(daemon, sandbox, tmp_path):
-    """The line once per shortage; the held clients are served; a paused listener retries once a second."""
-    soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
-    resource.setrlimit(resource.RLIMIT_NOFILE, (max(soft, min(hard, 4000)), hard))
-    fds, own = daemon.fd_count(), resource.prlimit(daemon.host_pid, resource.RLIMIT_NOFILE)[0]
-    daemon.limit_descriptors(64)
-    mark, held, trace = sandbox.console(), [], str(tmp_path / "accept4.trace")
-    try:
-        for s in (socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) for _ in range(1000)):
-            s.setblocking(False)
-            assert s.connect_ex(sandbox.path("/var/tmp/socket")) in (0, errno.EAGAIN)
-            held.append(s)
-        assert wait_for(lambda: console_after(sandbox, mark)) == "failed to accept ipc connection\n"
-        held[0].sendall(b'{"method":"pref-get","arguments":{"confs":["lan_ipaddr"]}}')
-        assert read_reply(held[0], 70) == b'{ "arguments": { "confs": { } }, "result": "Database open failed!\\n" }'
-        tracer = daemon.strace("accept4", trace)
-        try:
-            wait_for(lambda: open(trace).read().count("accept4(") >= 2)
-        finally:
-            daemon.end_strace(tracer)
-        assert open(trace).read().count("accept4(") <= 10
-        assert console_after(sandbox, mark) == "failed to accept ipc connection\n"
-    finally:
-        for s in held:
-            s.close()
-        resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
-    wait_for(lambda: daemon.fd_count() == fds)
-    daemon.limit_descriptors(own)
-    assert sandbox.request(REQUEST) == REPLY

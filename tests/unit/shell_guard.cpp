@@ -1,8 +1,6 @@
-// Takes the C library's system() and popen() away in every unit test: unit
-// tests run on the host, where a handler's command ("kill 1") would reach
-// the host itself.  Only test_util's own commands (the empty one, "exit N",
-// "touch $TMPDIR/...") and a popen of an absolute path that does not exist
-// run; any other command aborts the program, naming the command.
+// Unit tests run on the host, where a handler's command ("kill 1") would hit
+// the host: only the empty command, "exit N", "touch $TMPDIR/..." and a popen
+// of a missing absolute path run; any other aborts, naming the command.
 #include <dlfcn.h>
 #include <stdio.h>
 #include <stdlib.h>

@@ -28,13 +28,10 @@ namespace hx::test {
 std::string console() { return captured; }
 void console_reset() { captured.clear(); }
 
-TempDir::TempDir()
+TempDir::TempDir() : path_(std::string(getenv("TMPDIR") && *getenv("TMPDIR") ? getenv("TMPDIR") : "/tmp") + "/hxunitXXXXXX")
 {
-	const char *base = getenv("TMPDIR");
-	std::string pattern = std::string(base == nullptr || *base == '\0' ? "/tmp" : base) + "/hxunitXXXXXX";
-	if (mkdtemp(pattern.data()) == nullptr)
+	if (mkdtemp(path_.data()) == nullptr)
 		abort();
-	path_ = pattern;
 }
 
 TempDir::~TempDir()
@@ -55,10 +52,9 @@ std::string TempDir::write(std::string_view name, std::string_view contents) con
 
 void Stores::SetUp()
 {
-	sysconf = dir.file("sysconf.gdbm"), rtconf = dir.file("rtconf.gdbm"), sysinfo = dir.file("sysinfo.gdbm");
-	setenv("DB_FILE", sysconf.c_str(), 1);
-	setenv("RT_DB_FILE", rtconf.c_str(), 1);
-	setenv("INFO_DB_FILE", sysinfo.c_str(), 1);
+	for (auto [name, path, file] : {std::tuple{"DB_FILE", &sysconf, "sysconf.gdbm"}, {"RT_DB_FILE", &rtconf, "rtconf.gdbm"},
+					{"INFO_DB_FILE", &sysinfo, "sysinfo.gdbm"}})
+		setenv(name, (*path = dir.file(file)).c_str(), 1);
 	console_reset();
 }
 
