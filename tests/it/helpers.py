@@ -56,6 +56,15 @@ def stdout_since(sandbox, daemon, before):
     return out[len(before):-len(SYNC_OUT)]
 
 
+def read_reply(sock, size, timeout=60):
+    """Up to size bytes: the daemon leaves the connection open after its reply."""
+    sock.settimeout(timeout)
+    data = b""
+    while len(data) < size and (chunk := sock.recv(65536)):
+        data += chunk
+    return data
+
+
 def recv_until_closed(sock, timeout=30):
     sock.settimeout(timeout)
     data = b""

@@ -1,11 +1,10 @@
-"""Faults around one daemon whose /var/tmp and /mnt/rwdata are small file
-systems: broken, held, emptied or full stores, missing or hanging programs.  The exact replies during the fault; afterwards the daemon
-serves and the stores hold what they held."""
+"""Faults around a daemon whose /var/tmp and /mnt/rwdata are small: broken, held,
+emptied or full stores, missing or hanging programs; then it serves, the stores whole."""
 import json
 
 import pytest
 
-from helpers import console_after, revalidate, stdout_since, wait_for
+from helpers import console_after, read_reply, revalidate, stdout_since, wait_for
 
 SYSCONF = "/mnt/rwdata/sysconf.gdbm"
 GET = {"method": "pref-get", "arguments": {"confs": ["lan_ipaddr"]}}
@@ -18,18 +17,9 @@ DLNA = {"dlna": {"action": "restart"}}
 STOP, START = "/etc/demo/minidlna_stop.sh", "/etc/demo/minidlna_start.sh"
 
 
-def reply(sock, size):
-    data = b""
-    while len(data) < size and (chunk := sock.recv(65536)):
-        data += chunk
-    return data
-
-
 @pytest.fixture(scope="module")
 def daemon(sandbox):
-    for d in ("/var/tmp", "/mnt/rwdata"):
-        sandbox.mount_tmpfs(d, "256k")
-    yield sandbox.start_daemon()
+    yield [sandbox.mount_tmpfs(d, "256k") for d in ("/var/tmp", "/mnt/rwdata")] and sandbox.start_daemon()
 
 
 @pytest.fixture
@@ -73,8 +63,7 @@ def test_programs_missing_or_hanging(sandbox, daemon, kept):
     assert daemon.stderr()[len(err):] == f"sh: 1: {STOP}: not found\n"
     for stub in (START, STOP):
         sandbox.stub(stub, "echo $$ > /var/tmp/hang.pid\nexec sleep 100000\n")
-        first = sandbox.connect(60)
-        first.sendall(json.dumps({"method": "revalidate", "arguments": DLNA}).encode())
+        (first := sandbox.connect(60)).sendall(json.dumps({"method": "revalidate", "arguments": DLNA}).encode())
         pid = wait_for(lambda: sandbox.exists("/var/tmp/hang.pid") and sandbox.read_text("/var/tmp/hang.pid").strip())
         if stub == START:   # in the background, holding no descriptor of the daemon
             assert sandbox.request(GET) == GET_OK
@@ -88,6 +77,6 @@ def test_programs_missing_or_hanging(sandbox, daemon, kept):
         sandbox.run(["kill", pid], check=True)
         sandbox.remove("/var/tmp/hang.pid")
         sandbox.stub(stub, "exit 0\n")
-        assert reply(first, len(OK)) == OK
-    assert reply(second, len(GET_OK)) == GET_OK
+        assert read_reply(first, len(OK)) == OK
+    assert read_reply(second, len(GET_OK)) == GET_OK
     assert wait_for(lambda: console_after(sandbox, mark)) == "write error on client connection\n"

@@ -22,7 +22,6 @@ ROUTE = {"id": "1", "dest": "10.1.0.0", "subnet": "255.255.0.0", "gw": "192.168.
 FW = {"serverip": "10.0.0.9", "bootloader": "b.bin", "kernel": "k", "jffs2": "j", "opt": "o", "rootfs": "r", "subfolder": "fw/1"}
 # (id, target, stored key[.list member] or .request member, benign text, store setup; "rt." keys are run-time)
 CASES = [
-    ("dhcp", {"dhcp": {"action": "restart"}}, "lan_if", "br0", {}),
     ("dhcp-domain", {"dhcp": {"action": "restart"}}, "dhcp_domain_name", "trip.lan", {}),
     ("upnp", {"upnp": {"action": "restart"}}, "lan_ipaddr", "192.168.100.1", {"upnp": "on"}),
     ("uap", {"wl": {"action": "update"}}, "wl_ssid", "HX-Travel", {"wl": "on"}),
@@ -35,7 +34,6 @@ CASES = [
     ("route", {"staticroute": {"action": "commitall"}}, "routes_static.dest", "10.1.0.0", {"rt.wan_if": "mlan0", "rt.lan_if": "br0"}),
     ("firmware", {"firmwareupgrade": FW}, ".kernel", "k", {}), ("safely-remove", {"safely_remove": {"disk": "sda"}}, ".disk", "sda", {}),
     ("disk-unlock", {"disk_unlock": {"disk_name": "sda", "passwd": "pw"}}, ".disk_name", "sda", {}),
-    ("tdls", {"tdls": {"action": "start", "peer": "00:11:22:33:44:55"}}, ".peer", "00:11:22:33:44:55", {}),
     ("sys-event", {"sys_event": {"action": "TDLS_EVENT_RESOLVE_SUCCESS", "arg": "x"}}, ".arg", "x", {}),
     ("target-name", {"dhcp": {"action": "restart"}}, "", "dhcp", {}),
 ]

@@ -8,7 +8,7 @@ import termios
 
 import pytest
 
-from helpers import console_after, recv_until_closed, wait_for
+from helpers import console_after, read_reply, recv_until_closed, wait_for
 
 REQUEST, REPLY = b'{"method":"revalidate","arguments":{"video":{}}}', b'{ "arguments": { }, "result": "success" }'
 PARSE_ERROR, TIMED_OUT = "protocol parse error\nerror on client connection\n", "client connection timed out\n"
@@ -16,14 +16,6 @@ PARSE_ERROR, TIMED_OUT = "protocol parse error\nerror on client connection\n", "
 
 def unread(sock):
     return struct.unpack("i", fcntl.ioctl(sock.fileno(), termios.FIONREAD, b"\0" * 4))[0]
-
-
-def read_reply(sock, size):
-    sock.settimeout(60)
-    data = b""
-    while len(data) < size and (chunk := sock.recv(65536)):
-        data += chunk
-    return data
 
 
 @pytest.mark.parametrize("parts, out, reply", [
@@ -34,15 +26,12 @@ def read_reply(sock, size):
 ], ids=["second-request", "short", "eight-bytes", "nine-bytes", "split", "malformed", "words"])
 def test_one_request_per_read_and_connection(daemon, sandbox, parts, out, reply):
     mark, before = sandbox.console(), daemon.stdout()
-    s = sandbox.connect()
-    s.sendall(parts[0])
+    (s := sandbox.connect()).sendall(parts[0])
     if out or reply:
         wait_for(lambda: daemon.stdout()[len(before):] == out)
         assert read_reply(s, len(reply)) == reply
-        s.setblocking(False)
         with pytest.raises(BlockingIOError):    # still open, nothing more written
-            s.recv(16)
-        s.setblocking(True)
+            s.settimeout(0) or s.recv(16)
         assert console_after(sandbox, mark) == ""
         if len(parts) == 1:
             return
@@ -53,8 +42,7 @@ def test_one_request_per_read_and_connection(daemon, sandbox, parts, out, reply)
 def test_closes_are_reported(daemon, sandbox):
     mark = sandbox.console()
     sandbox.connect().close()                   # silent
-    s = sandbox.connect()
-    s.sendall(REQUEST)
+    (s := sandbox.connect()).sendall(REQUEST)
     wait_for(lambda: unread(s) == len(REPLY))
     s.close()                                   # unread data resets the peer: a read error
     assert wait_for(lambda: console_after(sandbox, mark)) == "read error on client connection\n"

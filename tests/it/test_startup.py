@@ -17,8 +17,7 @@ CLEAN = "received fatal signal %d, attempting to exit cleanly\n"
 
 @pytest.fixture
 def fresh(sandbox):
-    sandbox.run(["rm", "-rf", *FILES])
-    yield sandbox
+    yield sandbox.run(["rm", "-rf", *FILES]) and sandbox
     sandbox.run(["sh", "-c", "pkill -KILL -x hxsrvd; true"])
 
 
@@ -34,8 +33,7 @@ def test_usage(fresh, args):
 def test_start_refused(fresh, setup, line):
     first = fresh.start_daemon() if setup == "running" else fresh.run(["mkdir", "-p", setup], check=True)
     mark = fresh.console()
-    assert fresh.run(["/usr/sbin/hxsrvd", "-f"]).returncode == 1
-    assert console_after(fresh, mark) == line
+    assert (fresh.run(["/usr/sbin/hxsrvd", "-f"]).returncode, console_after(fresh, mark)) == (1, line)
     assert [f for f in FILES if fresh.exists(f) and not os.path.isdir(fresh.path(f))] == list(FILES if setup == "running" else ())
     if setup == "running":
         assert fresh.read_text("/var/tmp/socket.lock") == fresh.read_text("/var/run/hxsrvd.pid")
@@ -60,12 +58,11 @@ def test_serves_and_exits_cleanly(fresh, how):
         wait_for(lambda: "went bye-bye" in d.stdout())
         assert "*** new client " in d.stdout() and "<<< %d bytes from client: %s\n" % (len(REQUEST), REQUEST.decode()) in d.stdout()
     if how == "no-store":       # an empty key index; pref-set's writer open makes the store (0664 less the umask)
-        get = {"method": "pref-get", "arguments": {"confs": ["upnp"]}}
-        assert console_after(fresh, mark) == "Open sysconf.gdbm file failed.\n"
-        assert (send(fresh, get), fresh.exists("/var/tmp/none.gdbm")) == (b'{ "arguments": { "confs": { } }, "result": "Database open failed!\\n" }', False)
-        err = d.stderr()
-        assert pref_set(fresh, {"upnp": "on"}) == b'{ "arguments": { }, "result": "internal error" }'
-        assert d.stderr()[len(err):] == "[warn] Set invalid sysconf key upnp.\n\n"
+        get, err = {"method": "pref-get", "arguments": {"confs": ["upnp"]}}, d.stderr()
+        assert (console_after(fresh, mark), send(fresh, get), fresh.exists("/var/tmp/none.gdbm")) == (
+            "Open sysconf.gdbm file failed.\n", b'{ "arguments": { "confs": { } }, "result": "Database open failed!\\n" }', False)
+        assert (pref_set(fresh, {"upnp": "on"}), d.stderr()[len(err):]) == (
+            b'{ "arguments": { }, "result": "internal error" }', "[warn] Set invalid sysconf key upnp.\n\n")
         assert os.stat(fresh.path("/var/tmp/none.gdbm")).st_mode & 0o777 == 0o664 & ~umask_of(d)
         assert send(fresh, get) == b'{ "arguments": { "confs": { }, "infos": { } }, "result": "success" }'
     mark = fresh.console()
@@ -81,11 +78,9 @@ def test_serves_and_exits_cleanly(fresh, how):
 ], ids=["int", "quit", "term-twice-merged", "second-while-exiting"])
 def test_terminating_signals(fresh, sigs, status, lines):
     """Delivered together while stopped; every client is closed on the way out."""
-    d = fresh.start_daemon()
-    socks = [fresh.connect() for _ in range(3)]
+    d, socks = fresh.start_daemon(), [fresh.connect() for _ in range(3)]
     assert fresh.request(REQUEST) == REPLY      # the three are accepted by now
-    mark = fresh.console()
-    d.signal(signal.SIGSTOP)
+    mark, _ = fresh.console(), d.signal(signal.SIGSTOP)
     wait_for(lambda: process_state(d.host_pid) == "T")
     for sig in sigs + [signal.SIGCONT]:
         d.signal(sig)
@@ -94,11 +89,9 @@ def test_terminating_signals(fresh, sigs, status, lines):
 
 @pytest.mark.skipif(os.environ.get("HX_VALGRIND") == "1", reason="valgrind may drop the siginfo of a SIGSEGV sent by kill(2)")
 def test_sigsegv_prints_backtrace_and_exits_255(fresh):
-    d = fresh.start_daemon()
-    d.signal(signal.SIGSEGV)
+    (d := fresh.start_daemon()).signal(signal.SIGSEGV)
     assert d.wait() == 255
-    lines = d.stdout().splitlines()
-    count = int(lines[1].split()[2])
+    count = int((lines := d.stdout().splitlines())[1].split()[2])
     assert lines[:2] == ["#hxsrvd# receive SIGSEGV signal", "#hxsrvd# obtained %d stack frames" % count]
     assert 1 <= count <= 30 and len(lines) == 2 + count and any("hxsrvd" in line for line in lines[2:])
     assert not fresh.exists("/var/tmp/socket.lock")        # exit() ran the clean-up
