@@ -1,5 +1,4 @@
-"""Fixtures: a fresh device sandbox per test module and hxsrvd running in it.
-Sandbox tests are skipped unless run as root."""
+"""Fixtures: a fresh device sandbox per test module (root only) and hxsrvd in it."""
 import os
 import sys
 
@@ -15,11 +14,6 @@ VALGRIND = ["valgrind", "-q", "--leak-check=full", "--show-leak-kinds=definite",
             "--errors-for-leak-kinds=definite", f"--log-file={VALGRIND_LOGS}/valgrind.%p.log"]
 
 
-def need_root():
-    if os.geteuid() != 0:
-        pytest.skip("the device sandbox needs root (namespaces, mounts); run as root")
-
-
 def findings(sb, valgrind):
     logs = [(sb.state, n, ("Sanitizer", "runtime error:")) for n in os.listdir(sb.state) if n.startswith("hxsrvd-") and n.endswith(".stderr")]
     logs += [(sb.path(VALGRIND_LOGS), n, ("",)) for n in os.listdir(sb.path(VALGRIND_LOGS)) if valgrind and n.startswith("valgrind.")]
@@ -29,16 +23,15 @@ def findings(sb, valgrind):
 
 @pytest.fixture(scope="module")
 def sandbox():
-    need_root()
-    valgrind = os.environ.get("HX_VALGRIND") == "1"
-    sb = Sandbox(wrapper=VALGRIND if valgrind else None).start()
+    if os.geteuid() != 0:
+        pytest.skip("the device sandbox needs root (namespaces, mounts); run as root")
+    sb = Sandbox(wrapper=VALGRIND if (valgrind := os.environ.get("HX_VALGRIND") == "1") else None).start()
     yield sb
     try:
         found = findings(sb, valgrind)
     finally:
         sb.stop()
-    if found:
-        pytest.fail("errors reported in hxsrvd:\n" + "\n".join(found))
+    assert not found, "errors reported in hxsrvd:\n" + "\n".join(found)
 
 
 @pytest.fixture(scope="module")

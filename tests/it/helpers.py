@@ -1,20 +1,14 @@
-"""Small helpers shared by the integration tests."""
 import json
 import time
 
-# A request of 8 bytes or fewer prints "Invalid input" and nothing else
-# prints it: it marks the end of what earlier requests printed.
-SYNC_REQUEST = b"{}"
-SYNC_OUT = "Invalid input"
+# A request of 8 bytes or fewer prints "Invalid input", which nothing else prints: a marker.
+SYNC_REQUEST, SYNC_OUT = b"{}", "Invalid input"
 
 # The revalidate targets, in the daemon's table order.
-REVALIDATE_NAMES = [
-    "wan", "lan", "dhcp", "wl", "wl_radio", "wl_power_save_mode", "firewall", "upnp", "datetime",
-    "staticroute", "httpd", "fw_upgrade", "uploadsysconf", "factorydefault", "reboot", "poweroff",
-    "video", "video2", "webdav", "dlna", "ipsec", "fm", "usbcharger", "firmwareupgrade", "pmd",
-    "sleep_timeout", "thumbnail", "samba", "createsynctask", "cancelsynctask", "disk_unlock",
-    "safely_remove", "charger_test", "tdls", "cut_through", "wpa", "owner_chg", "sd_copy",
-    "sync_signal", "sys_event", "ap_profiles"]
+REVALIDATE_NAMES = """wan lan dhcp wl wl_radio wl_power_save_mode firewall upnp datetime staticroute httpd fw_upgrade
+    uploadsysconf factorydefault reboot poweroff video video2 webdav dlna ipsec fm usbcharger firmwareupgrade pmd
+    sleep_timeout thumbnail samba createsynctask cancelsynctask disk_unlock safely_remove charger_test tdls cut_through
+    wpa owner_chg sd_copy sync_signal sys_event ap_profiles""".split()
 
 
 def wait_for(predicate, timeout=30.0, interval=0.05):
@@ -47,8 +41,7 @@ def pref_set(sandbox, confs):
 
 
 def stdout_since(sandbox, daemon, before):
-    """Standard output since `before` (an earlier daemon.stdout()), up to the
-    marker a later short request prints."""
+    """Standard output since `before` (an earlier daemon.stdout()), up to a later marker."""
     with sandbox.connect() as s:
         s.sendall(SYNC_REQUEST)
         wait_for(lambda: daemon.stdout()[len(before):].endswith(SYNC_OUT))
@@ -66,11 +59,7 @@ def read_reply(sock, size, timeout=60):
 
 
 def recv_until_closed(sock, timeout=30):
-    sock.settimeout(timeout)
-    data = b""
-    while chunk := sock.recv(4096):
-        data += chunk
-    return data
+    return read_reply(sock, float("inf"), timeout)
 
 
 def umask_of(daemon):

@@ -24,8 +24,7 @@ def daemon(sandbox):
 
 @pytest.fixture
 def kept(sandbox, daemon):
-    before = [sandbox.store_snapshot(s) for s in ("sysconf", "rtconf", "sysinfo")]
-    yield
+    yield (before := [sandbox.store_snapshot(s) for s in ("sysconf", "rtconf", "sysinfo")])
     assert [sandbox.store_snapshot(s) for s in ("sysconf", "rtconf", "sysinfo")] == before
     assert (sandbox.request(GET), revalidate(sandbox, {"video": {}})) == (GET_OK, OK)
 
@@ -56,9 +55,7 @@ def test_store_faults(sandbox, daemon, kept, fault, get, set_, out):
 
 def test_programs_missing_or_hanging(sandbox, daemon, kept):
     """Handlers run to the end on the loop: others wait for a foreground program, never for a background one."""
-    sandbox.remove(STOP)
-    sandbox.clear_cmdlog()
-    err = daemon.stderr()
+    err, _, _ = daemon.stderr(), sandbox.remove(STOP), sandbox.clear_cmdlog()
     assert (revalidate(sandbox, DLNA), wait_for(sandbox.cmdlog)) == (OK, [[START]])
     assert daemon.stderr()[len(err):] == f"sh: 1: {STOP}: not found\n"
     for stub in (START, STOP):
@@ -67,12 +64,10 @@ def test_programs_missing_or_hanging(sandbox, daemon, kept):
         pid = wait_for(lambda: sandbox.exists("/var/tmp/hang.pid") and sandbox.read_text("/var/tmp/hang.pid").strip())
         if stub == START:   # in the background, holding no descriptor of the daemon
             assert sandbox.request(GET) == GET_OK
-            fds = sandbox.run(["ls", "-l", f"/proc/{pid}/fd"]).stdout.decode()
-            assert "socket" not in fds and "eventpoll" not in fds, fds
+            assert not [w for w in ("socket", "eventpoll") if w in (fds := sandbox.run(["ls", "-l", f"/proc/{pid}/fd"]).stdout.decode())], fds
         else:
             mark, second, gone = sandbox.console(), sandbox.connect(60), sandbox.connect()
-            for s in (second, gone):
-                s.sendall(json.dumps(GET).encode())
+            [s.sendall(json.dumps(GET).encode()) for s in (second, gone)]
             gone.close()    # before the daemon could read it: its reply is a write error
         sandbox.run(["kill", pid], check=True)
         sandbox.remove("/var/tmp/hang.pid")

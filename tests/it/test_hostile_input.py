@@ -15,8 +15,7 @@ INJECT, MARKER = "/sbin/reboot", "/tmp/pwned"
 PAYLOADS = {"squote": f"';{INJECT};'", "dquote": f'";{INJECT};"', "semicolon": f";{INJECT}", "and": f"&&touch {MARKER}",
             "dollar": f"$({INJECT})", "backtick": f"`{INJECT}`", "ifs": f"$IFS{INJECT}", "newline": f"\nevil=1\n{INJECT}\n",
             "cr": f"\revil=1\r{INJECT}", "fmt": "%n%n%s%s", "nul": f"\0;{INJECT}", "long": "A" * 300, "dotdot": "/../../etc/passwd"}
-FILES = ("/var/tmp/dnsmasq.conf", "/var/tmp/hosts", "/var/tmp/miniupnpd.conf", "/mnt/rwdata/uaputl.conf",
-         "/etc/wpa_supplicant.conf", "/etc/mini_httpd.conf")
+FILES = "/var/tmp/dnsmasq.conf /var/tmp/hosts /var/tmp/miniupnpd.conf /mnt/rwdata/uaputl.conf /etc/wpa_supplicant.conf /etc/mini_httpd.conf".split()
 STA = {"wan_type": "wireless_sta", "wan_sta_sec": "wpapsk", "wan_sta_ssid": "Cafe", "wan_sta_pass": "secret123"}
 ROUTE = {"id": "1", "dest": "10.1.0.0", "subnet": "255.255.0.0", "gw": "192.168.100.254", "metric": "2", "inf": "LAN"}
 FW = {"serverip": "10.0.0.9", "bootloader": "b.bin", "kernel": "k", "jffs2": "j", "opt": "o", "rootfs": "r", "subfolder": "fw/1"}
@@ -63,8 +62,7 @@ def test_hostile_text_runs_and_writes_nothing_more(daemon, sandbox, case, pid):
     setup = {**setup, **({key: None} if key else {})}
     places = {k: ("rtconf", k[3:]) if k.startswith("rt.") else ("sysconf", k) for k in setup}
     saved = {k: sandbox.store_get(*places[k]) for k in setup}
-    for k, v in setup.items():
-        v is None or sandbox.store_set(*places[k], json.dumps(v).encode() + b"\0")
+    [sandbox.store_set(*places[k], json.dumps(v).encode() + b"\0") for k, v in setup.items() if v is not None]
 
     def place(text):
         if not key:
@@ -72,7 +70,6 @@ def test_hostile_text_runs_and_writes_nothing_more(daemon, sandbox, case, pid):
         assert pref_set(sandbox, {key: [dict(ROUTE, **{member: text})] if member else text}).endswith(b'"success" }')
         return request
     try:
-        sandbox.remove(MARKER)
         (good, good_lines), (bad, bad_lines) = run(sandbox, place(benign)), run(sandbox, place(benign + PAYLOADS[pid]))
         for cmd in sorted(bad, key=len, reverse=True):      # each benign command stands for one
             fits = [c for c in good if c[0] == cmd[0] and len(c) >= len(cmd)]

@@ -37,8 +37,7 @@ def test_request_shapes(daemon, sandbox, request_, reply, out):
         s.sendall(request_)
         wait_for(lambda: daemon.stdout()[len(before):] == out)
         s.close()
-    assert stdout_since(sandbox, daemon, before) == out
-    assert console_after(sandbox, mark) == ""
+    assert (stdout_since(sandbox, daemon, before), console_after(sandbox, mark)) == (out, "")
 
 
 @pytest.mark.parametrize("confs, reply, err, stored", [

@@ -47,9 +47,7 @@ def test_closes_are_reported(daemon, sandbox):
     s.close()                                   # unread data resets the peer: a read error
     assert wait_for(lambda: console_after(sandbox, mark)) == "read error on client connection\n"
     socks = [sandbox.connect() for _ in range(50)]
-    for s in socks:
-        s.sendall(REQUEST)
-    assert [read_reply(s, len(REPLY)) for s in socks] == [REPLY] * 50
+    assert [s.sendall(REQUEST) for s in socks] and [read_reply(s, len(REPLY)) for s in socks] == [REPLY] * 50
 
 
 @pytest.mark.skipif(os.environ.get("HX_VALGRIND") == "1", reason="waits for the 60 s time-out; ASan runs it")
@@ -60,19 +58,14 @@ def test_slow_and_stalled_clients_do_not_hold_up_others(daemon, sandbox):
     for key in [k for k in sorted(saved) if k not in (b"product_model\0", b"product_description\0", b"lan_ipaddr\0")][:36]:
         sandbox.store_set("sysconf", key[:-1], json.dumps("/" * 3900).encode() + b"\0")
     try:
-        expected = sandbox.request(big, timeout=60)
-        assert len(expected) > 212992
-        mark = sandbox.console()
-        stalled, late, half, idle = (sandbox.connect(150) for _ in range(4))
-        for s, text in ((stalled, big), (late, big), (half, b'{"metho')):
-            s.sendall(text)
+        assert len(expected := sandbox.request(big, timeout=60)) > 212992
+        mark, (stalled, late, half, idle) = sandbox.console(), [sandbox.connect(150) for _ in range(4)]
+        [s.sendall(text) for s, text in ((stalled, big), (late, big), (half, b'{"metho'))]
         assert [sandbox.request(REQUEST) for _ in range(5)] == [REPLY] * 5
         assert 0 < unread(stalled) < len(expected)
-        assert read_reply(late, len(expected)) == expected
-        late.close()
+        assert read_reply(late, len(expected)) == expected and not late.close()
         assert recv_until_closed(half, 150) == recv_until_closed(idle, 150) == b""
-        partial = recv_until_closed(stalled, 150)
-        assert expected.startswith(partial) and len(partial) < len(expected)
+        assert expected.startswith(partial := recv_until_closed(stalled, 150)) and len(partial) < len(expected)
         assert console_after(sandbox, mark) == TIMED_OUT * 3
     finally:
         for key, raw in saved.items():

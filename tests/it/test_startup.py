@@ -55,8 +55,7 @@ def test_serves_and_exits_cleanly(fresh, how):
     pid = fresh.read_text("/var/run/hxsrvd.pid")
     assert pid.endswith("\n") and int(pid) > 1 and fresh.read_text("/var/tmp/socket.lock") == pid
     if how == "debug":
-        wait_for(lambda: "went bye-bye" in d.stdout())
-        assert "*** new client " in d.stdout() and "<<< %d bytes from client: %s\n" % (len(REQUEST), REQUEST.decode()) in d.stdout()
+        assert "*** new client " in wait_for(lambda: "went bye-bye" in d.stdout() and d.stdout()) and "<<< %d bytes from client: %s\n" % (len(REQUEST), REQUEST.decode()) in d.stdout()
     if how == "no-store":       # an empty key index; pref-set's writer open makes the store (0664 less the umask)
         get, err = {"method": "pref-get", "arguments": {"confs": ["upnp"]}}, d.stderr()
         assert (console_after(fresh, mark), send(fresh, get), fresh.exists("/var/tmp/none.gdbm")) == (
@@ -65,8 +64,7 @@ def test_serves_and_exits_cleanly(fresh, how):
             b'{ "arguments": { }, "result": "internal error" }', "[warn] Set invalid sysconf key upnp.\n\n")
         assert os.stat(fresh.path("/var/tmp/none.gdbm")).st_mode & 0o777 == 0o664 & ~umask_of(d)
         assert send(fresh, get) == b'{ "arguments": { "confs": { }, "infos": { } }, "result": "success" }'
-    mark = fresh.console()
-    fresh.run(["kill", "-TERM", pid.strip()])
+    mark, _ = fresh.console(), fresh.run(["kill", "-TERM", pid.strip()])
     assert how == "detached" or d.wait() == 0
     wait_for(lambda: not fresh.exists("/var/tmp/socket.lock"))
     assert (console_after(fresh, mark), fresh.exists("/var/tmp/socket"), fresh.read_text("/var/run/hxsrvd.pid")) == (CLEAN % 15, False, pid)

@@ -11,9 +11,7 @@
 
 static void refuse(const char *what, const char *command)
 {
-	std::string text = std::string("unit test refused to run ") + what + "(\"" +
-			   (command != nullptr ? command : "(null)") + "\") on the host\n";
-	(void)!write(STDERR_FILENO, text.data(), text.size());
+	fprintf(stderr, "unit test refused to run %s(\"%s\") on the host\n", what, command != nullptr ? command : "(null)");
 	abort();
 }
 

@@ -44,8 +44,7 @@ TempDir::~TempDir()
 
 std::string TempDir::write(std::string_view name, std::string_view contents) const
 {
-	FilePtr f = open_file(file(name).c_str(), "w");
-	if (!f || fwrite(contents.data(), 1, contents.size(), f.get()) != contents.size())
+	if (FilePtr f = open_file(file(name).c_str(), "w"); !f || fwrite(contents.data(), 1, contents.size(), f.get()) != contents.size())
 		abort();
 	return file(name);
 }
@@ -58,25 +57,15 @@ void Stores::SetUp()
 	console_reset();
 }
 
-void Stores::TearDown()
-{
-	for (const char *name : {"DB_FILE", "RT_DB_FILE", "INFO_DB_FILE"})
-		unsetenv(name);
-}
+void Stores::TearDown() { unsetenv("DB_FILE"), unsetenv("RT_DB_FILE"), unsetenv("INFO_DB_FILE"); }
 
 void put_raw(const std::string &store, std::string_view key, std::string_view value)
 {
 	GDBM_FILE db = gdbm_open(store.c_str(), 0, GDBM_WRCREAT, 0664, nullptr);
 	ASSERT_NE(db, nullptr) << store;
-	datum k{const_cast<char *>(key.data()), static_cast<int>(key.size())};
-	datum v{const_cast<char *>(value.data()), static_cast<int>(value.size())};
+	datum k{const_cast<char *>(key.data()), static_cast<int>(key.size())}, v{const_cast<char *>(value.data()), static_cast<int>(value.size())};
 	EXPECT_EQ(gdbm_store(db, k, v, GDBM_REPLACE), 0);
 	gdbm_close(db);
-}
-
-void put(const std::string &store, std::string_view key, std::string_view value)
-{
-	put_raw(store, std::string(key) + '\0', std::string(value) + '\0');
 }
 
 std::optional<std::string> fetch(const std::string &store, std::string_view key)

@@ -5,7 +5,6 @@
 
 #include <optional>
 #include <string>
-#include <string_view>
 
 namespace hx::test {
 
@@ -14,8 +13,6 @@ class TempDir {
 public:
 	TempDir();
 	~TempDir();
-	TempDir(const TempDir &) = delete;
-	TempDir &operator=(const TempDir &) = delete;
 	const std::string &path() const { return path_; }
 	std::string file(std::string_view name) const { return path_ + "/" + std::string(name); }
 	std::string write(std::string_view name, std::string_view contents) const;	// its path
@@ -35,7 +32,10 @@ protected:
 // put_raw stores key and value as given, put with the NULs the daemon adds;
 // fetch gives the bytes under key + NUL (nullopt: no record or no store).
 void put_raw(const std::string &store, std::string_view key, std::string_view value);
-void put(const std::string &store, std::string_view key, std::string_view value);
+inline void put(const std::string &store, std::string_view key, std::string_view value)
+{
+	put_raw(store, std::string(key) + '\0', std::string(value) + '\0');
+}
 std::optional<std::string> fetch(const std::string &store, std::string_view key);
 std::string console();	// written since console_reset()
 void console_reset();
