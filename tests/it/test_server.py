@@ -21,7 +21,7 @@ def unread(sock):
 @pytest.mark.parametrize("parts, out, reply", [
     ([REQUEST, REQUEST], "", REPLY),                # the reply, then the second request closes it
     ([b"{}", REQUEST], "Invalid input", b""),       # the NUL added to the short input stays in the buffer
-    ([b'{"a":12}', REQUEST], "Invalid input", b""), ([b'{"a": 12}'], "", b'{ "arguments": { }, "result": "no method name" }'),
+    ([b'{"a":12}', REQUEST], "Invalid input", b""), ([b'{"a": 12}'], "invalid arguments.\n", b'{ "arguments": { }, "result": "no method name" }'),
     ([REQUEST[:20]], "", b""), ([b'{"method": "pref-get", "arguments": }'], "", b""), ([b"not json at all"], "", b""),
 ], ids=["second-request", "short", "eight-bytes", "nine-bytes", "split", "malformed", "words"])
 def test_one_request_per_read_and_connection(daemon, sandbox, parts, out, reply):
