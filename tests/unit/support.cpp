@@ -1,113 +1,82 @@
 #include "tests/unit/support.h"
 
 #include <dirent.h>
+#include <stdarg.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <gdbm.h>
 
+#include "core/console.h"
 #include "core/owned.h"
-#include "tests/unit/console_capture.h"
+
+// Takes core/console.cpp's place: messages are kept in memory.
+static std::string captured;
+
+void gw_console(const char *format, ...)
+{
+	char text[4096];
+	va_list args;
+	va_start(args, format);
+	vsnprintf(text, sizeof(text), format, args);
+	va_end(args);
+	captured += text;
+}
 
 namespace hx::test {
 
-namespace {
+std::string console() { return captured; }
+void console_reset() { captured.clear(); }
 
-std::string tmp_base()
+TempDir::TempDir() : path_(std::string(getenv("TMPDIR") && *getenv("TMPDIR") ? getenv("TMPDIR") : "/tmp") + "/hxunitXXXXXX")
 {
-	const char *base = getenv("TMPDIR");
-	return base == nullptr || base[0] == '\0' ? "/tmp" : base;
-}
-
-}  // namespace
-
-TempDir::TempDir()
-{
-	std::string pattern = tmp_base() + "/hxunitXXXXXX";
-	if (mkdtemp(pattern.data()) == nullptr)
+	if (mkdtemp(path_.data()) == nullptr)
 		abort();
-	path_ = pattern;
 }
 
 TempDir::~TempDir()
 {
-	if (DirPtr d = open_dir(path_.c_str())) {
+	if (DirPtr d = open_dir(path_.c_str()))
 		while (dirent *e = readdir(d.get()))
 			unlink(file(e->d_name).c_str());
-	}
 	rmdir(path_.c_str());
-}
-
-std::string TempDir::file(std::string_view name) const
-{
-	return path_ + "/" + std::string(name);
 }
 
 std::string TempDir::write(std::string_view name, std::string_view contents) const
 {
-	std::string p = file(name);
-	FilePtr f = open_file(p.c_str(), "w");
-	if (!f || fwrite(contents.data(), 1, contents.size(), f.get()) != contents.size())
+	if (FilePtr f = open_file(file(name).c_str(), "w"); !f || fwrite(contents.data(), 1, contents.size(), f.get()) != contents.size())
 		abort();
-	return p;
+	return file(name);
 }
 
 void Stores::SetUp()
 {
-	sysconf = dir.file("sysconf.gdbm");
-	rtconf = dir.file("rtconf.gdbm");
-	sysinfo = dir.file("sysinfo.gdbm");
-	setenv("DB_FILE", sysconf.c_str(), 1);
-	setenv("RT_DB_FILE", rtconf.c_str(), 1);
-	setenv("INFO_DB_FILE", sysinfo.c_str(), 1);
+	for (auto [name, path, file] : {std::tuple{"DB_FILE", &sysconf, "sysconf.gdbm"}, {"RT_DB_FILE", &rtconf, "rtconf.gdbm"},
+					{"INFO_DB_FILE", &sysinfo, "sysinfo.gdbm"}})
+		setenv(name, (*path = dir.file(file)).c_str(), 1);
 	console_reset();
 }
 
-void Stores::TearDown()
-{
-	unsetenv("DB_FILE");
-	unsetenv("RT_DB_FILE");
-	unsetenv("INFO_DB_FILE");
-}
+void Stores::TearDown() { unsetenv("DB_FILE"), unsetenv("RT_DB_FILE"), unsetenv("INFO_DB_FILE"); }
 
 void put_raw(const std::string &store, std::string_view key, std::string_view value)
 {
 	GDBM_FILE db = gdbm_open(store.c_str(), 0, GDBM_WRCREAT, 0664, nullptr);
 	ASSERT_NE(db, nullptr) << store;
-	datum k{const_cast<char *>(key.data()), static_cast<int>(key.size())};
-	datum v{const_cast<char *>(value.data()), static_cast<int>(value.size())};
+	datum k{const_cast<char *>(key.data()), static_cast<int>(key.size())}, v{const_cast<char *>(value.data()), static_cast<int>(value.size())};
 	EXPECT_EQ(gdbm_store(db, k, v, GDBM_REPLACE), 0);
 	gdbm_close(db);
-}
-
-void put(const std::string &store, std::string_view key, std::string_view value)
-{
-	put_raw(store, std::string(key) + '\0', std::string(value) + '\0');
 }
 
 std::optional<std::string> fetch(const std::string &store, std::string_view key)
 {
 	GDBM_FILE db = gdbm_open(store.c_str(), 0, GDBM_READER, 0, nullptr);
-	if (db == nullptr)
-		return std::nullopt;
 	std::string k = std::string(key) + '\0';
-	datum v = gdbm_fetch(db, datum{k.data(), static_cast<int>(k.size())});
-	gdbm_close(db);
-	if (v.dptr == nullptr)
-		return std::nullopt;
-	std::string bytes(v.dptr, static_cast<size_t>(v.dsize));
-	free(v.dptr);
-	return bytes;
-}
-
-std::string console()
-{
-	return console_captured();
-}
-
-void console_reset()
-{
-	::console_reset();
+	datum v = db != nullptr ? gdbm_fetch(db, datum{k.data(), static_cast<int>(k.size())}) : datum{nullptr, 0};
+	Owned<char, free> owner(v.dptr);
+	if (db != nullptr)
+		gdbm_close(db);
+	return v.dptr != nullptr ? std::optional(std::string(v.dptr, static_cast<size_t>(v.dsize))) : std::nullopt;
 }
 
 }  // namespace hx::test
