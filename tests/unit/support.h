@@ -1,10 +1,10 @@
-// What the unit tests share: temporary stores, raw records, the captured
-// console and standard output.  shell_guard.cpp refuses the shell.
+// What the unit tests share: temporary directories.  support.cpp keeps the
+// console off the host; shell_guard.cpp refuses the shell.
 #pragma once
 #include <gtest/gtest.h>
 
-#include <optional>
 #include <string>
+#include <string_view>
 
 namespace hx::test {
 
@@ -19,34 +19,5 @@ public:
 private:
 	std::string path_;
 };
-
-// DB_FILE, RT_DB_FILE and INFO_DB_FILE point into dir (no file made); the console starts empty.
-class Stores : public ::testing::Test {
-protected:
-	void SetUp() override;
-	void TearDown() override;
-	TempDir dir;
-	std::string sysconf, rtconf, sysinfo;
-};
-
-// put_raw stores key and value as given, put with the NULs the daemon adds;
-// fetch gives the bytes under key + NUL (nullopt: no record or no store).
-void put_raw(const std::string &store, std::string_view key, std::string_view value);
-inline void put(const std::string &store, std::string_view key, std::string_view value)
-{
-	put_raw(store, std::string(key) + '\0', std::string(value) + '\0');
-}
-std::optional<std::string> fetch(const std::string &store, std::string_view key);
-std::string console();	// written since console_reset()
-void console_reset();
-
-template <typename F> std::string stdout_of(F &&f)	// at descriptor level
-{
-	fflush(stdout);
-	::testing::internal::CaptureStdout();
-	f();
-	fflush(stdout);
-	return ::testing::internal::GetCapturedStdout();
-}
 
 }  // namespace hx::test
