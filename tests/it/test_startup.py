@@ -1,6 +1,7 @@
 """Start-up, the lock and pid files, signals and shutdown of the real binary."""
 import os
 import signal
+import socket
 
 import pytest
 
@@ -93,3 +94,18 @@ def test_sigsegv_prints_backtrace_and_exits_255(fresh):
     assert lines[:2] == ["#hxsrvd# receive SIGSEGV signal", "#hxsrvd# obtained %d stack frames" % count]
     assert 1 <= count <= 30 and len(lines) == 2 + count and any("hxsrvd" in line for line in lines[2:])
     assert not fresh.exists("/var/tmp/socket.lock")        # exit() ran the clean-up
+
+
+def test_exhausted_descriptors_pause_accept_then_recover(fresh):
+    """With no descriptor free, accepting pauses and says so once; a released client lets it go on."""
+    (d := fresh.start_daemon()).limit_descriptors(64)
+    mark, held = fresh.console(), []
+    for _ in range(300):
+        (s := socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)).setblocking(False)
+        try:
+            s.connect(fresh.path("/var/tmp/socket")) or held.append(s)
+        except BlockingIOError:
+            s.close()
+    assert wait_for(lambda: console_after(fresh, mark)) == "failed to accept ipc connection\n" and len(held) > 64
+    [s.close() for s in held]
+    assert fresh.request(REQUEST) == REPLY and d.stop() == 0
