@@ -75,3 +75,13 @@ def test_programs_missing_or_hanging(sandbox, daemon, kept):
         assert read_reply(first, len(OK)) == OK
     assert read_reply(second, len(GET_OK)) == GET_OK
     assert wait_for(lambda: console_after(sandbox, mark)) == "write error on client connection\n"
+
+
+def test_full_var_tmp_leaves_the_file_empty_and_the_service_stopped(sandbox, daemon, kept):
+    filling, before, _ = sandbox.fill_fs("/var/tmp"), daemon.stdout(), sandbox.clear_cmdlog()
+    try:
+        assert revalidate(sandbox, {"dhcp": {"action": "restart"}}) == OK
+        assert (stdout_since(sandbox, daemon, before), sandbox.cmdlog()) == ("", [["/usr/bin/killall", "-9", "dnsmasq"]])
+        assert sandbox.read("/var/tmp/dnsmasq.conf") == b""
+    finally:
+        sandbox.remove(filling)

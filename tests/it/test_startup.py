@@ -1,4 +1,5 @@
 """Start-up, the lock and pid files, signals and shutdown of the real binary."""
+import json
 import os
 import signal
 import socket
@@ -109,3 +110,13 @@ def test_exhausted_descriptors_pause_accept_then_recover(fresh):
     assert wait_for(lambda: console_after(fresh, mark)) == "failed to accept ipc connection\n" and len(held) > 64
     [s.close() for s in held]
     assert fresh.request(REQUEST) == REPLY and d.stop() == 0
+
+
+def test_sigkill_during_a_pref_set_stream_keeps_the_stores_whole(fresh):
+    d, before = fresh.start_daemon(), {s: fresh.store_snapshot(s) for s in ("sysconf", "rtconf")}
+    sent = [fresh.connect(60) for _ in range(40)]
+    [s.sendall(json.dumps({"method": "pref-set", "arguments": {"confs": {"wl_ssid": f"N{i}"}}}).encode()) for i, s in enumerate(sent)]
+    assert d.signal(signal.SIGKILL) or d.wait(60) == -signal.SIGKILL
+    after = {s: fresh.store_snapshot(s) for s in ("sysconf", "rtconf")}
+    assert after["sysconf"].pop(b"wl_ssid\0") in [before["sysconf"].pop(b"wl_ssid\0")] + [b'"N%d"\0' % i for i in range(40)]
+    assert after == before and fresh.start_daemon() and fresh.request(REQUEST) == REPLY
