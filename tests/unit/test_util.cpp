@@ -47,6 +47,12 @@ TEST(Util, KillPidfileRefusals)
 	EXPECT_TRUE(waitpid(child, &status, 0) == child && WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
 }
 
+// A command that does not leave its buffer a byte for the NUL is not run.
+TEST(Util, CommandBound)
+{
+	EXPECT_EQ(std::pair(do_systemf(6, "exit %d", 0), do_systemf(7, "exit %d", 0)), std::pair(-1, 0));
+}
+
 // The 69 characters of the safe set are kept; a "%" without two characters after it is copied.
 TEST(Util, UrlEncoding)
 {
