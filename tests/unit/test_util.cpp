@@ -47,10 +47,11 @@ TEST(Util, KillPidfileRefusals)
 	EXPECT_TRUE(waitpid(child, &status, 0) == child && WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
 }
 
-// A command that does not leave its buffer a byte for the NUL is not run.
-TEST(Util, CommandBound)
+// A command that does not leave its buffer a byte for the NUL is not run; a script succeeds by exit status 0 only.
+TEST(Util, Commands)
 {
 	EXPECT_EQ(std::pair(do_systemf(6, "exit %d", 0), do_systemf(7, "exit %d", 0)), std::pair(-1, 0));
+	EXPECT_EQ(std::pair(script_succeeds("exit 0", "x"), script_succeeds("exit 3", "x")), std::pair(true, false));
 }
 
 // The 69 characters of the safe set are kept; a "%" without two characters after it is copied.
