@@ -79,8 +79,8 @@ def test_sd_copy(sd, daemon, value, want, dest, out, raw, blkid, card, bat, cmds
 def test_backup_log(sd, daemon):
     logs = {"log_num": "0", "log_id_latest": "0", "log_list": []}
     assert ask(sd, daemon, None, ["sd_backup_logs"], "")[0] == answer({"sd_backup_logs": logs})
-    revalidate(sd, {"sd_copy": {"action": "start"}})
-    wait_for(lambda: sd.exists(LOG))
+    start, _ = daemon.stdout(), revalidate(sd, {"sd_copy": {"action": "start"}})
+    wait_for(lambda: "sync_result = " in daemon.stdout()[len(start):])     # the worker's last line
     assert ask(sd, daemon, None, ["sd_backup_logs"])[0] == answer({"sd_backup_logs": {"log_num": "1", "log_id_latest": "1", "log_list": [{
         "id": "1", "result": "success", "type": "manual", "des": DEST, "file_count": "1", "oldest_file": "p1.jpg", "oldest_time": "100",
         "newest_file": "p1.jpg", "newest_time": "200"}]}})
