@@ -2,19 +2,14 @@ import json
 import re
 
 from hxsim import jsonc_text
-from helpers import console_after, send, stdout_since
-
-
-def result(text):
-    return jsonc_text({"arguments": {}, "result": text}).encode()
+from helpers import INTERNAL, INVALID, SUCCESS, console_after, result, send, stdout_since  # noqa: F401
+from helpers import NOT_OBJECT as TYPE, NULL_ARG as NULL  # noqa: F401
 
 
 def answer(infos):
     return jsonc_text({"arguments": {"confs": {}, "infos": infos}, "result": "success"}).encode()
 
 
-SUCCESS, INVALID, INTERNAL = result("success"), result("invalid arguments"), result("internal error")
-NULL, TYPE = "Input parameter is NULL.\n", "Unexpected json type.\n"
 
 
 def matches(out, got):

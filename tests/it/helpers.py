@@ -4,6 +4,16 @@ import time
 # A request of 8 bytes or fewer prints "Invalid input", which nothing else prints: a marker.
 SYNC_REQUEST, SYNC_OUT = b"{}", "Invalid input"
 
+
+
+def result(text):
+    """A reply with no arguments and this result."""
+    return b'{ "arguments": { }, "result": "%s" }' % text.encode()
+
+
+SUCCESS, INVALID, INTERNAL = result("success"), result("invalid arguments"), result("internal error")
+NULL_ARG, NOT_OBJECT = "Input parameter is NULL.\n", "Unexpected json type.\n"
+
 # The revalidate targets, in the daemon's table order.
 REVALIDATE_NAMES = """wan lan dhcp wl wl_radio wl_power_save_mode firewall upnp datetime staticroute httpd fw_upgrade
     uploadsysconf factorydefault reboot poweroff video video2 webdav dlna ipsec fm usbcharger firmwareupgrade pmd

@@ -2,11 +2,8 @@
 import pytest
 
 from hxsim import jsonc_text
-from helpers import console_after, revalidate, stdout_since, store_restore, wait_for
-
-SUCCESS = b'{ "arguments": { }, "result": "success" }'
-INVALID, INTERNAL = SUCCESS.replace(b"success", b"invalid arguments"), SUCCESS.replace(b"success", b"internal error")
-NULL, TYPE = "Input parameter is NULL.\n", "Unexpected json type.\n"
+from helpers import INTERNAL, INVALID, SUCCESS, console_after, revalidate, stdout_since, store_restore, wait_for  # noqa: F401
+from helpers import NOT_OBJECT as TYPE, NULL_ARG as NULL  # noqa: F401
 
 
 def raw(value):

@@ -4,14 +4,13 @@ import json
 
 import pytest
 
-from helpers import console_after, read_reply, revalidate, stdout_since, wait_for
+from helpers import INTERNAL, SUCCESS as OK, console_after, read_reply, revalidate, stdout_since, wait_for
 
 SYSCONF = "/mnt/rwdata/sysconf.gdbm"
 GET = {"method": "pref-get", "arguments": {"confs": ["lan_ipaddr"]}}
 GET_OK = b'{ "arguments": { "confs": { "lan_ipaddr": "192.168.100.1" }, "infos": { } }, "result": "success" }'
 GET_FAILED = b'{ "arguments": { "confs": { } }, "result": "Database open failed!\\n" }'
 SET = {"method": "pref-set", "arguments": {"confs": {"wl_ssid": "Z" * 3500}}}
-OK, INTERNAL = b'{ "arguments": { }, "result": "success" }', b'{ "arguments": { }, "result": "internal error" }'
 FAILED, NO_INFO = ("Database open failed!\n", "[warn] Database open failed!\n\n"), "No info field.\n"
 DLNA = {"dlna": {"action": "restart"}}
 STOP, START = "/etc/demo/minidlna_stop.sh", "/etc/demo/minidlna_start.sh"

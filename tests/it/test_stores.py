@@ -3,10 +3,9 @@ import dbm.gnu
 
 import pytest
 
-from helpers import console_after, pref_set, send
+from helpers import INTERNAL, SUCCESS, console_after, pref_set, send
 
 SC, RT, READ_ONLY = "/mnt/rwdata/sysconf.gdbm", "/var/run/rtconf.gdbm", ("product_model", "product_description")
-SUCCESS, INTERNAL = b'{ "arguments": { }, "result": "success" }', b'{ "arguments": { }, "result": "internal error" }'
 DB_OPEN_FAILED, NO_INDEX = b'{ "arguments": { "confs": { } }, "result": "Database open failed!\\n" }', "Open sysconf.gdbm file failed.\n"
 
 

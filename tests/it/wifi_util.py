@@ -6,11 +6,7 @@ import subprocess
 
 import pytest
 
-from helpers import revalidate, send, stdout_since, store_restore
-
-SUCCESS, INTERNAL = b'{ "arguments": { }, "result": "success" }', b'{ "arguments": { }, "result": "internal error" }'
-INVALID = b'{ "arguments": { }, "result": "invalid arguments" }'
-NULL_ARG, NOT_OBJECT = "Input parameter is NULL.\n", "Unexpected json type.\n"
+from helpers import INTERNAL, INVALID, NOT_OBJECT, NULL_ARG, SUCCESS, revalidate, send, stdout_since, store_restore  # noqa: F401
 WPA_SOCKET, FAKE_LOG = "/var/run/wpa_supplicant/mlan0", "/tmp/fakewpa.log"
 DROPPED = "WPACli: Not connected to wpa_supplicant, command %s dropped\n"
 
