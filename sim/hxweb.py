@@ -97,7 +97,16 @@ class Forward:
                 raise OSError(ctypes.get_errno(), "setns")
         finally:
             os.close(fd)
-        return socket.create_connection(("127.0.0.1", 80), timeout=10)
+        # The server may be restarting ("killall", then a start that binds
+        # the port in the background): wait for it as a browser's retry would.
+        deadline = time.monotonic() + 10
+        while True:
+            try:
+                return socket.create_connection(("127.0.0.1", 80), timeout=10)
+            except ConnectionRefusedError:
+                if time.monotonic() > deadline:
+                    raise
+                time.sleep(0.05)
 
     def _serve(self, client):
         with client:

@@ -37,13 +37,17 @@ constexpr Refusal no_reply_from = {502, "Bad Gateway", "no complete reply from h
 constexpr std::string_view blanks = " \t";
 
 // The media type of a Content-Type value: before any parameter, unpadded.
+// (remove_prefix and remove_suffix, unlike substr, cannot throw: hxctl
+// carries nothing of the C++ runtime.)
 std::string_view media_type(std::string_view value)
 {
-	value = value.substr(0, value.find(';'));
-	size_t first = value.find_first_not_of(blanks);
-	if (first == std::string_view::npos)
-		return {};
-	return value.substr(first, value.find_last_not_of(blanks) + 1 - first);
+	if (size_t semicolon = value.find(';'); semicolon != std::string_view::npos)
+		value.remove_suffix(value.size() - semicolon);
+	while (!value.empty() && blanks.find(value.front()) != std::string_view::npos)
+		value.remove_prefix(1);
+	while (!value.empty() && blanks.find(value.back()) != std::string_view::npos)
+		value.remove_suffix(1);
+	return value;
 }
 
 bool is_json_type(const char *content_type)
