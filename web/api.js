@@ -10,6 +10,9 @@ const HX = (() => {
   const API = 'api.cgi';
   // The bridge refuses larger bodies; longer read lists are split.
   const LIMIT = 4096;
+  // The bridge gives up on the daemon after 30 s; a request still open
+  // well after that has been lost on the way.
+  const TIMEOUT = 45000;
 
   class ApiError extends Error {}
 
@@ -27,9 +30,12 @@ const HX = (() => {
         body: text,
         cache: 'no-store',
         credentials: 'same-origin',
+        signal: AbortSignal.timeout(TIMEOUT),
       });
     } catch (e) {
-      const lost = new ApiError('no answer from the device (network error)');
+      const late = e.name === 'TimeoutError';
+      const lost = new ApiError(late ? `no answer from the device after ${TIMEOUT / 1000} s`
+        : 'no answer from the device (network error)');
       lost.network = true;
       throw lost;
     }
