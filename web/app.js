@@ -177,15 +177,12 @@
   const WPA_MODES = ['wpa2psk', 'wpapskwpa2pskmixed', 'wpapsk'];
   const CIPHERS = ['aes', 'tkipaesmixed', 'tkip'];
   const CH5 = [36, 40, 44, 48, 149, 153, 157, 161, 165];
+  // The usual travel countries; a stored code not listed is offered too.
   const COUNTRIES = [['US', 'United States'], ['CA', 'Canada'], ['MX', 'Mexico'], ['BR', 'Brazil'],
-    ['AR', 'Argentina'], ['GB', 'United Kingdom'], ['IE', 'Ireland'], ['FR', 'France'],
-    ['DE', 'Germany'], ['NL', 'Netherlands'], ['BE', 'Belgium'], ['CH', 'Switzerland'],
-    ['AT', 'Austria'], ['ES', 'Spain'], ['PT', 'Portugal'], ['IT', 'Italy'], ['SE', 'Sweden'],
-    ['NO', 'Norway'], ['DK', 'Denmark'], ['FI', 'Finland'], ['PL', 'Poland'], ['CZ', 'Czechia'],
-    ['GR', 'Greece'], ['TR', 'Turkey'], ['RU', 'Russia'], ['IL', 'Israel'], ['AE', 'United Arab Emirates'],
-    ['ZA', 'South Africa'], ['IN', 'India'], ['CN', 'China'], ['HK', 'Hong Kong'], ['TW', 'Taiwan'],
-    ['KR', 'South Korea'], ['JP', 'Japan'], ['SG', 'Singapore'], ['TH', 'Thailand'],
-    ['AU', 'Australia'], ['NZ', 'New Zealand']];
+    ['GB', 'United Kingdom'], ['FR', 'France'], ['DE', 'Germany'], ['NL', 'Netherlands'],
+    ['CH', 'Switzerland'], ['ES', 'Spain'], ['IT', 'Italy'], ['SE', 'Sweden'], ['TR', 'Turkey'],
+    ['AE', 'United Arab Emirates'], ['ZA', 'South Africa'], ['IN', 'India'], ['CN', 'China'],
+    ['KR', 'South Korea'], ['JP', 'Japan'], ['SG', 'Singapore'], ['AU', 'Australia'], ['NZ', 'New Zealand']];
   const WIFI_KEYS = ['wl_ssid', 'wl_security', 'wl_wpa_auth_mode', 'wl_wpa_encryption', 'wl_wpa_key',
     'wl_wep_key_index', 'wl_wep_key0', 'wl_wep_key1', 'wl_wep_key2', 'wl_wep_key3', 'wl_band',
     'wl_channel', 'wl_channel_5g', 'wl_channel_list', 'wl_country'];
@@ -318,7 +315,7 @@
   const SEC_LABEL = { none: 'open', WEP: 'WEP', wpapsk: 'WPA/WPA2' };
   const JOIN_WAIT = 90000;
 
-  let wanType = '';
+  let wanType = '', saved = [];
 
   function renderInternet(i, c) {
     wanType = str(c.wan_type);
@@ -358,7 +355,7 @@
       h('button', { type: 'button', class: 'profile-join', id: `profile-join-${n + 1}`, 'data-n': n, text: 'Join' }),
       h('button', { type: 'button', class: 'profile-forget', id: `profile-forget-${n + 1}`, 'data-n': n, text: 'Forget' }))));
     if (!profiles.length) ul.append(h('li', { class: 'muted', text: 'None saved yet.' }));
-    ul.profiles = profiles;
+    saved = profiles;
   }
 
   const secWordOf = (s) => (/^(wpapsk|WPA)/.test(str(s)) ? 'wpapsk' : /^none/.test(str(s)) ? 'none'
@@ -410,14 +407,14 @@
     $('join-ssid').value = button.dataset.ssid;
     $('join-sec').value = word;
     showJoinSecurity();
-    $('join-pass').value = '';
-    (word === 'none' ? $('join') : $('join-pass')).focus();
+    if (word !== 'none') $('join-pass').focus();
   }
 
+  // The pass phrase field stays in place for an open hotspot; it is ignored.
   function showJoinSecurity() {
-    const open = $('join-sec').value === 'none';
-    for (const e of document.querySelectorAll('#internet .pass-only')) e.hidden = open;
-    $('join-pass').labels[0].textContent = $('join-sec').value === 'WEP' ? 'WEP key' : 'Pass phrase';
+    const sec = $('join-sec').value;
+    $('join-pass').labels[0].textContent = sec === 'WEP' ? 'WEP key' : 'Pass phrase';
+    $('join-pass').placeholder = sec === 'none' ? 'not needed for an open hotspot' : '';
   }
 
   async function join(ssid, sec, pass, mode) {
@@ -478,6 +475,7 @@
       const parts = arr(d.partition_detail);
       return h('div', { class: 'disk', 'data-disk': name },
         h('p', null, h('strong', { text: name }), ` ${str(d.disk_vendor).trim()}`,
+          d.media_type === '1' ? ' (SD card reader)' : '',
           d.total_capacity ? ` · ${d.total_capacity}` : '',
           lock && lock !== 'Unlocked' ? h('span', { class: 'badge', text: lock }) : ''),
         parts.length ? h('div', { class: 'scroll' }, h('table', { class: 'list' },
@@ -615,7 +613,7 @@
   });
   on('profiles', 'click', (e) => {
     const b = e.target.closest('button');
-    const p = b && arr($('profiles').profiles)[Number(b.dataset.n)];
+    const p = b && saved[Number(b.dataset.n)];
     if (!p) return;
     if (b.classList.contains('profile-join')) {
       act(b, err.internet, 'join', () => join(p.essid, str(p.encrypt), str(p.pass),
