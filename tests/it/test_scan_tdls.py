@@ -4,21 +4,14 @@ import json
 import pytest
 
 from helpers import revalidate, stdout_since, wait_for
+from hxfakes import link_output, printing, scan_cell as cell, scan_output
 from wifi_util import DROPPED, INTERNAL, INVALID, NOT_OBJECT, SUCCESS, answer, conf, fakewpa, get  # noqa: F401
 
 IWLIST, IWCONFIG, UAP, CUT, GATE = "/sbin/iwlist", "/usr/sbin/iwconfig", "/sbin/uaputl.exe", "/etc/app/gw_cutthrough.sh", "/tmp/gate"
 WPA2, EAP = "IE: IEEE 802.11i/WPA2 Version 1", "Authentication Suites (1) : 802.1x"
 
 
-def printing(text): return f"cat <<'HXEOF'\n{text}HXEOF\n"
-
-
-def cell(mac, essid, freq, level, *lines):
-    return "".join("          %s\n" % x for x in (f"Cell 01 - Address: {mac}", f"ESSID:{essid}", "Mode:Master", freq,
-                   f"Quality=50/100  {level} dBm  Noise level=-95 dBm") + lines)
-
-
-SCAN = "mlan0     Scan completed :\n" + "".join([
+SCAN = scan_output([
     cell("00:24:01:D3:A0:BE", '"HomeNet"', "Frequency:2.437 GHz (Channel 6)", "Signal level=-52", "Encryption key:on", WPA2),
     cell("9C:D6:43:11:22:33", '"Cafe Guest"', "Frequency:2.412 GHz (Channel 1)", "Signal level=-78", "Encryption key:off"),
     cell("00:1A:2B:3C:4D:5E", '"Office"', "Frequency:2.462 GHz (Channel 11)", "Signal level=-61", "IE: WPA Version 1", WPA2),
@@ -76,9 +69,7 @@ def test_scan_replaces_the_list(daemon, sandbox, body, aps):
     assert [list(a.values()) for a in got] == aps
 
 
-CONNECTED = ('mlan0     IEEE 802.11-DS  ESSID:"HomeNet"  \n          Mode:Managed  Frequency:2.437 GHz  Access Point: '
-             "00:24:01:D3:A0:BE   \n          Bit Rate=72 Mb/s   Tx-Power=13 dBm   \n"
-             "          Link Quality=68/100  Signal level=-52 dBm  Noise level=-95 dBm\n")
+CONNECTED = link_output("HomeNet", "2.437 GHz", "00:24:01:D3:A0:BE", "72 Mb/s", -52)
 
 
 @pytest.mark.parametrize("item, program, body, setting, member", [

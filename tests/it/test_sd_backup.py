@@ -6,32 +6,22 @@ import pytest
 
 from devices_util import INVALID, SUCCESS, answer, ask, matches, result
 from helpers import revalidate, stdout_since, store_restore, wait_for
+from hxfakes import BLKID, CARD_BLKID, CARD_DIR, COPY_SCRIPT, PARTITIONS, SHARE, USB_DIR, copy_script, plug_usb_and_card
 
-SCRIPT, SHARE, BLKID = "/etc/app/sync/gw_copy_prog.sh", "/tmp/media/share", "/sbin/blkid"
-USB, CARD = f"{SHARE}/USB_A1", f"{SHARE}/sdcard"
+SCRIPT, USB, CARD, UUID, PARTS = COPY_SCRIPT, USB_DIR, CARD_DIR, CARD_BLKID, PARTITIONS
 DEST, LOG, PLAIN = f"{USB}/Owner1/Backup/SD Card 32GB 1A2B-3C4D", f"{USB}/.log/sync.log", f"{USB}/Owner1/Backup/SD Card"
 SYNC_INTERNAL, NO_CARD, LOW = result("sync_internal_error"), result("sync_no_sdcard_found"), result("sync_low_battery_power")
-FOUND, UUID = "\nget sdcard, name = sdb\nsd name = SD Card 32GB 1A2B-3C4D\n", '/dev/sdb1: LABEL="SD" UUID="1A2B-3C4D" TYPE="vfat"'
-PARTS = "major minor  #blocks  name\n\n   8 0 7814144 sda\n   8 1 7813120 sda1\n   8 16 31166976 sdb\n"
-COPY = f"""[ "$1" = 1 ] && cp -a {CARD}/. "$3"/ && mkdir -p {USB}/.log
-echo "2026-11-22;;log_id=1;;result=success;;sync_type=manual;;dest_dir=$3;;file_count=1;;oldest_file=p1.jpg\
-;;oldest_time=100;;newest_file=p1.jpg;;newest_time=200" >> {LOG}
-sysconf --store rtconf --raw set sync_result 1
-hxctl revalidate sync_signal stop > /dev/null
-"""
-STORES = {("rtconf", "first_mnt_dir"): f'"{USB}"\0'.encode(), ("rtconf", "sd_state"): b'"on"\0', ("sysconf", "active_user"): b'"user1_name"\0'}
+FOUND = "\nget sdcard, name = sdb\nsd name = SD Card 32GB 1A2B-3C4D\n"
+COPY = copy_script("2026-11-22;;log_id=1;;result=success;;sync_type=manual;;dest_dir=$3;;file_count=1;;oldest_file=p1.jpg"
+                   ";;oldest_time=100;;newest_file=p1.jpg;;newest_time=200")
 
 
 @pytest.fixture
 def sd(sandbox, daemon):
-    sandbox.add_disk("sda", "USB", "Disk", 15628288, usb_port_path="usb1/1-1/1-1.1")
-    sandbox.add_disk("sdb", "Generic", "SD Reader", 62333952)
-    sandbox.set_partitions(PARTS)
+    plug_usb_and_card(sandbox)
     sandbox.run(["sh", "-c", f"mkdir -p {USB} {CARD}/DCIM && echo photo > {CARD}/DCIM/p1.jpg && "
                  f"(mountpoint -q {USB} || mount -t tmpfs tmpfs {USB}) && rm -rf {USB}/* {USB}/.log"], check=True)
-    for key, raw in STORES.items():
-        sandbox.store_set(*key, raw)
-    sandbox.stub(BLKID, f"echo '{UUID}'\n")
+    sandbox.store_set("sysconf", "active_user", b'"user1_name"\0')
     sandbox.stub(SCRIPT, COPY)
     sandbox.set_battery("87\n", "Discharging\n")
     sandbox.clear_cmdlog()

@@ -6,6 +6,7 @@ import threading
 import pytest
 
 from helpers import revalidate, stdout_since, wait_for
+from hxfakes import dhcp_lease_script, wpa_state
 from wifi_util import (DROPPED, INTERNAL, INVALID, NOT_OBJECT, NULL_ARG, SUCCESS, WPA_SOCKET, Effects, FakeWpa, conf,
                        fakewpa, jtext)  # noqa: F401
 
@@ -194,20 +195,9 @@ def test_wpa_target_refusals(daemon, sandbox, conf, driver, value, reply, out):
     assert not sandbox.exists("/etc/wpa_supplicant.conf") and not sandbox.exists(WPA_SOCKET)
 
 
-# What udhcpc and its script do on a lease, in the background so as not to hold up the daemon.
-LEASE = ("(ip addr add 10.0.0.2/24 dev mlan0; ip route replace default via 10.0.0.1 dev mlan0\n"
-         "sysconf --store rtconf set wan_if '\"mlan0\"'\nhxctl revalidate sys_event SYS_EVENT_DHCP_SUCCESS arg=mlan0\n"
-         ") >/dev/null 2>&1 &\n")
-
-
-def wpa_state(sandbox):
-    out = sandbox.run(["wpa_cli", "-i", "mlan0", "status"], check=True).stdout.decode()
-    return dict(line.split("=", 1) for line in out.splitlines() if "=" in line)
-
-
 @pytest.mark.parametrize("name", ["Cafe", 'say "hi", ok=1;\'x\''], ids=["plain", "double-quotes"])
 def test_join_lose_and_fall_back(daemon, sandbox, name):
-    sandbox.stub("/sbin/udhcpc", LEASE)
+    sandbox.stub("/sbin/udhcpc", dhcp_lease_script())
     for store, key, value in (("rtconf", "wl_wpa_driver", "wired"), ("rtconf", "wl_tool_type", "WPA"),
                               ("sysconf", "wan_type", "wireless_sta"), ("sysconf", "wan_sta_ssid", name),
                               ("sysconf", "wan_sta_sec", "none"), ("sysconf", "wan_sta_pass", ""),

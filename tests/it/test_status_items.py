@@ -3,6 +3,7 @@ import json, os, re, time  # noqa: E401
 import pytest
 
 from helpers import send, stdout_since
+from hxfakes import station_list
 from hxsim import jsonc_text
 from net_util import conf, net  # noqa: F401
 
@@ -19,10 +20,6 @@ def fields(*names):
 
 def read(sandbox, path):
     return sandbox.run(["cat", path], check=True).stdout.decode()
-
-
-def sta(n, mac, rssi):
-    return f"STA {n} information:\n=====================\nMAC Address: {mac}\nPower mfg status: active\nRssi : {rssi} dBm\n\n"
 
 
 WANINFO, LANINFO = fields("mac", "ip", "netmask", "mtu", "wan_uptime", "state"), fields("mac", "ip", "netmask", "mtu")
@@ -64,11 +61,11 @@ CASES = {"factory": ({}, "p_model p_description s_osinfo s_boardinfo s_rootfsver
     "lan-unknown": ({"rt:lan_if": "br9"}, "s_laninfo", {"s_laninfo": LANINFO("00:00:00:00:00:00|||0")[0]}, ""),
     "lan-mlan0": ({"rt:lan_if": "mlan0", "ip": [("addr", "add", "10.1.2.3/16", "dev", "mlan0"), ("link", "set", "mlan0", "mtu", "1400")]}, "s_laninfo",
                   {"s_laninfo": LANINFO("MAC(mlan0)|10.1.2.3|255.255.0.0|1400")[0]}, ""),
-    "stations": ({"uaputl": "Number of STA = 2\n\n" + sta(1, "00:50:43:21:0a:b1:ff:ee", -123456) + sta(2, "8c:85:90:12:34:56", -71)}, "s_stalist",
+    "stations": ({"uaputl": station_list([("00:50:43:21:0a:b1:ff:ee", -123456), ("8c:85:90:12:34:56", -71)])}, "s_stalist",
                  {"s_stalist": fields("mac", "rssi")("00:50:43:21:0a:b1|-1234", "8c:85:90:12:34:56|-71")}, ""),
-    "stations-none": ({"uaputl": "Number of STA = 0\n\n"}, "s_stalist", {"s_stalist": []}, ""),
+    "stations-none": ({"uaputl": station_list([])}, "s_stalist", {"s_stalist": []}, ""),
     "stations-failing": ({"uaputl": "ERR:UAP_GET_STA_LIST is not supported\n", "fail": 1}, "s_stalist", {"s_stalist": []}, ""),
-    "stations-32": ({"uaputl": "Number of STA = 40\n\n" + "".join(sta(n + 1, f"00:50:43:00:00:{n:02x}", f"-{n}") for n in range(40))}, "s_stalist",
+    "stations-32": ({"uaputl": station_list([(f"00:50:43:00:00:{n:02x}", f"-{n}") for n in range(40)])}, "s_stalist",
                     {"s_stalist": [{"mac": f"00:50:43:00:00:{n:02x}", "rssi": f"-{n}"} for n in range(32)]}, ""),
     "leases": ({"/var/tmp/dnsmasq.leases": "2000000000 aa:01 1.1.1.1 phone 01:aa\n2000000000 aa:02 1.1.1.2 laptop\n1000 aa:03 1.1.1.3 * *\n"
                 "0  aa:04 1.1.1.4 host id extra\n0 aa:05 1.1.1.5 host id"}, "s_dhcpleases", {"s_dhcpleases": LEASES(
