@@ -22,6 +22,8 @@ const HX = (() => {
   async function call(method, args) {
     const text = body(method, args);
     if (size(text) > LIMIT) throw new ApiError(`request too large (${size(text)} bytes)`);
+    const abort = new AbortController();
+    const timer = setTimeout(() => abort.abort(), TIMEOUT);
     let res;
     try {
       res = await fetch(API, {
@@ -30,14 +32,15 @@ const HX = (() => {
         body: text,
         cache: 'no-store',
         credentials: 'same-origin',
-        signal: AbortSignal.timeout(TIMEOUT),
+        signal: abort.signal,
       });
     } catch (e) {
-      const late = e.name === 'TimeoutError';
-      const lost = new ApiError(late ? `no answer from the device after ${TIMEOUT / 1000} s`
+      const lost = new ApiError(abort.signal.aborted ? `no answer from the device after ${TIMEOUT / 1000} s`
         : 'no answer from the device (network error)');
       lost.network = true;
       throw lost;
+    } finally {
+      clearTimeout(timer);
     }
     let reply = null;
     try {
