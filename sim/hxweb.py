@@ -39,12 +39,14 @@ grep -v '^passport=' "$2" > {conf}
 exec {real} -C {conf}
 """
 # "killall mini_httpd" really stops the server (and waits, so that the next
-# start can bind the port); other names stay logged only.
+# start can bind the port); other names stay logged only.  A CGI program's
+# helpers stay zombies until it exits, and the bridge is waiting for the
+# daemon, which is waiting here: they are not waited for.
 KILLALL_STUB = """#!/bin/sh
 {log} "$0" "$@"
 [ "$*" = mini_httpd ] || exit 0
 pkill -x mini_httpd
-while pgrep -x mini_httpd >/dev/null; do sleep 0.05; done
+while ps -C mini_httpd -o stat= | grep -qv '^Z'; do sleep 0.05; done
 """
 
 
