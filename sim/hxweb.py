@@ -101,7 +101,7 @@ class Forward:
             os.close(fd)
         # The server may be restarting ("killall", then a start that binds
         # the port in the background): wait for it as a browser's retry would.
-        deadline = time.monotonic() + 10
+        deadline = time.monotonic() + 30
         while True:
             try:
                 return socket.create_connection(("127.0.0.1", 80), timeout=10)
@@ -129,12 +129,11 @@ class Forward:
             head += data
         end = head.find(b"\r\n\r\n") + 4 if b"\r\n\r\n" in head else len(head)
         server.sendall(head[:end])
-        if end < len(head):
-            # Debian's mini_httpd loses a CGI program's answer when the body
-            # came in the same read as the header: hand it over only once
-            # the server has read the header.
-            self._wait_read(server.getsockname()[1])
-            server.sendall(head[end:])
+        # Debian's mini_httpd loses a CGI program's answer when the body came
+        # in the same read as the header (with it, or soon after): hand the
+        # body over only once the server has read the header.
+        self._wait_read(server.getsockname()[1])
+        server.sendall(head[end:])
         # Until the server has answered and closed; the client may close its
         # side first.
         readers = [client, server]
@@ -151,8 +150,9 @@ class Forward:
 
     def _wait_read(self, port):
         """Until the server's side of the connection from port has nothing
-        left unread (its receive queue in /proc/net/tcp*), at most 2 s."""
-        deadline = time.monotonic() + 2
+        left unread (its receive queue in /proc/net/tcp*) or is gone, at most
+        30 s (a loaded machine may take long to let it accept and read)."""
+        deadline = time.monotonic() + 30
         while time.monotonic() < deadline:
             queues = []
             for name in ("tcp", "tcp6"):
@@ -160,7 +160,7 @@ class Forward:
                     rows = [line.split() for line in f.readlines()[1:]]
                 queues += [int(r[4].split(":")[1], 16) for r in rows
                            if r[1].endswith(":0050") and r[2].endswith(f":{port:04X}")]
-            if queues and not any(queues):
+            if not any(queues):
                 return
             time.sleep(0.01)
 

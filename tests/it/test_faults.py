@@ -80,7 +80,9 @@ def test_full_var_tmp_leaves_the_file_empty_and_the_service_stopped(sandbox, dae
     filling, before, _ = sandbox.fill_fs("/var/tmp"), daemon.stdout(), sandbox.clear_cmdlog()
     try:
         assert revalidate(sandbox, {"dhcp": {"action": "restart"}}) == OK
-        assert (stdout_since(sandbox, daemon, before), sandbox.cmdlog()) == ("", [["/usr/bin/killall", "-9", "dnsmasq"]])
+        # (an earlier test's WAN start-up may still be running its scripts in the background)
+        dns = [c for c in sandbox.cmdlog() if "dnsmasq" in c[0] + c[-1]]
+        assert (stdout_since(sandbox, daemon, before), dns) == ("", [["/usr/bin/killall", "-9", "dnsmasq"]])
         assert sandbox.read("/var/tmp/dnsmasq.conf") == b""
     finally:
         sandbox.remove(filling)
