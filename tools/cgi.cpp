@@ -1,11 +1,14 @@
 #include "tools/cgi.h"
 
+#include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "tools/client.h"
@@ -21,8 +24,18 @@ constexpr std::string_view methods[] = {"pref-get", "pref-set", "revalidate"};
 // revalidate of "wan" can wait on a hotspot; the web server's own CGI limit
 // is longer.
 constexpr int reply_timeout = 30;
+// The body follows the header at once from a browser; a client that stalls
+// must not hold the bridge and a web server process.
+constexpr int body_timeout_ms = 10000;
+// What a refusal reads of a body it does not want: the web server may hand
+// the connection itself over as standard input, and closing it with unread
+// data resets it, which can lose the answer at the client.
+constexpr int drain_idle_ms = 100;
+constexpr size_t drain_max = 65536;
 
 constexpr Refusal not_post = {405, "Method Not Allowed", "only POST is accepted"};
+constexpr Refusal foreign_host = {403, "Forbidden",
+				  "open the page by the device's address or name"};
 constexpr Refusal not_json = {415, "Unsupported Media Type",
 			      "the request must be application/json"};
 constexpr Refusal no_length = {411, "Length Required", "the request has no length"};
@@ -94,21 +107,82 @@ void refuse(const Refusal &refusal)
 							       JSON_C_TO_STRING_NOSLASHESCAPE));
 }
 
-// Exactly length bytes of standard input into buf (NUL-terminated); false
-// when it ends sooner.
+// Waits at most ms for standard input; false on time-out or error.
+bool input_ready(int ms)
+{
+	pollfd pfd = {STDIN_FILENO, POLLIN, 0};
+	int ready;
+	do
+		ready = poll(&pfd, 1, ms);
+	while (ready < 0 && errno == EINTR);
+	return ready > 0;
+}
+
+// Exactly length bytes of standard input into buf (NUL-terminated) within
+// body_timeout_ms; false when it ends or stalls sooner.
 bool read_body(char *buf, size_t length)
 {
-	size_t got = 0;
-	while (got < length) {
-		ssize_t n = read(STDIN_FILENO, buf + got, length - got);
-		if (n < 0 && errno == EINTR)
-			continue;
-		if (n <= 0)
+	timespec start;
+	clock_gettime(CLOCK_MONOTONIC, &start);
+	for (size_t got = 0; got < length;) {
+		timespec now;
+		clock_gettime(CLOCK_MONOTONIC, &now);
+		long spent = (now.tv_sec - start.tv_sec) * 1000 + (now.tv_nsec - start.tv_nsec) / 1000000;
+		if (spent >= body_timeout_ms || !input_ready(static_cast<int>(body_timeout_ms - spent)))
 			return false;
-		got += static_cast<size_t>(n);
+		ssize_t n = read(STDIN_FILENO, buf + got, length - got);
+		if (n == 0 || (n < 0 && errno != EINTR && errno != EAGAIN))
+			return false;
+		got += n > 0 ? static_cast<size_t>(n) : 0;
 	}
 	buf[length] = '\0';
 	return true;
+}
+
+// Reads and drops what a refused request still sends, until it pauses.
+void drain_input()
+{
+	char buf[4096];
+	for (size_t total = 0; total < drain_max && input_ready(drain_idle_ms);) {
+		ssize_t n = read(STDIN_FILENO, buf, sizeof(buf));
+		if (n == 0 || (n < 0 && errno != EINTR))
+			return;
+		total += n > 0 ? static_cast<size_t>(n) : 0;
+	}
+}
+
+// Host: an IP address, or a name without a dot (the device's own, from its
+// hosts file), with an optional port.  A page of another domain whose name
+// has been made to resolve to the device (DNS rebinding) sends that name:
+// it must not reach the daemon.  No Host at all is no browser.
+bool is_own_host(const char *host)
+{
+	if (host == nullptr)
+		return true;
+	std::string_view name = host, port;
+	bool bracketed = name.starts_with('[');
+	if (size_t end = name.find(bracketed ? ']' : ':'); end != std::string_view::npos) {
+		port = name;
+		port.remove_prefix(end + bracketed);
+		name.remove_suffix(name.size() - end);
+	} else if (bracketed) {
+		return false;
+	}
+	if (bracketed)
+		name.remove_prefix(1);
+	char address[INET6_ADDRSTRLEN];
+	if (name.empty() || name.size() >= sizeof(address) ||
+	    !(port.empty() || (port.size() > 1 && port[0] == ':' &&
+			       port.find_first_not_of("0123456789", 1) == std::string_view::npos)))
+		return false;
+	memcpy(address, name.data(), name.size());
+	address[name.size()] = '\0';
+	unsigned char binary[sizeof(in6_addr)];
+	if (bracketed)
+		return inet_pton(AF_INET6, address, binary) == 1;
+	return inet_pton(AF_INET, address, binary) == 1 ||
+	       strspn(address, "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-") ==
+		       name.size();
 }
 
 // The web server sends a CGI program's standard error to the browser
@@ -124,14 +198,16 @@ void silence_stderr()
 
 }  // namespace
 
-const Refusal *check_headers(const char *method, const char *content_type,
-			     const char *content_length, size_t &length)
+const Refusal *check_headers(const Variables &vars, size_t &length)
 {
-	if (method == nullptr || strcmp(method, "POST") != 0)
+	if (vars.method == nullptr || strcmp(vars.method, "POST") != 0)
 		return &not_post;
-	if (content_type == nullptr || !is_json_type(content_type))
+	if (!is_own_host(vars.host))
+		return &foreign_host;
+	if (vars.content_type == nullptr || !is_json_type(vars.content_type))
 		return &not_json;
-	return content_length == nullptr ? &no_length : parse_length(content_length, length);
+	return vars.content_length == nullptr ? &no_length
+					      : parse_length(vars.content_length, length);
 }
 
 const Refusal *check_body(std::string_view body)
@@ -160,11 +236,14 @@ int main(const char *socket_path)
 {
 	silence_stderr();
 	size_t length = 0;
-	const Refusal *refusal = check_headers(getenv("REQUEST_METHOD"), getenv("CONTENT_TYPE"),
-					       getenv("CONTENT_LENGTH"), length);
+	const Refusal *refusal = check_headers({getenv("REQUEST_METHOD"), getenv("HTTP_HOST"),
+						getenv("CONTENT_TYPE"), getenv("CONTENT_LENGTH")},
+					       length);
 	char body[body_max + 1];
 	if (refusal == nullptr && !read_body(body, length))
 		refusal = &cut_short;
+	if (refusal != nullptr)
+		drain_input();
 	if (refusal == nullptr)
 		refusal = check_body({body, length});
 	Ptr reply;

@@ -21,10 +21,17 @@ struct Refusal {
 	const char *result;	// the JSON body's "result"
 };
 
-// What the request's CGI variables (null when unset) refuse; nullptr when
-// they are acceptable, with length set to the body's length.
-const Refusal *check_headers(const char *method, const char *content_type,
-			     const char *content_length, size_t &length);
+// The CGI variables the bridge judges; null when unset.
+struct Variables {
+	const char *method;		// REQUEST_METHOD
+	const char *host;		// HTTP_HOST
+	const char *content_type;	// CONTENT_TYPE
+	const char *content_length;	// CONTENT_LENGTH
+};
+
+// What the variables refuse; nullptr when they are acceptable, with length
+// set to the body's length.
+const Refusal *check_headers(const Variables &vars, size_t &length);
 
 // What the body refuses: not one JSON object whose "method" is a string
 // the page may send; nullptr when it may go to the daemon.

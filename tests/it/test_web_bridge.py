@@ -10,7 +10,7 @@ from helpers import wait_for
 
 GET_SSID = b'{"method":"pref-get","arguments":{"confs":["wl_ssid"]}}'
 SSID = b'{"arguments":{"confs":{"wl_ssid":"HX-Travel"},"infos":{}},"result":"success"}\n'
-POST = {"REQUEST_METHOD": "POST", "CONTENT_TYPE": "application/json"}
+POST = {"REQUEST_METHOD": "POST", "CONTENT_TYPE": "application/json", "HTTP_HOST": "192.168.100.1"}
 
 
 def answer(status, reason=None, body=None):
@@ -37,6 +37,7 @@ BAD = (400, "Bad Request")
     ({}, GET_SSID, answer(None, body=SSID)),
     ({"CONTENT_TYPE": "application/json; charset=UTF-8"}, GET_SSID.ljust(4096), answer(None, body=SSID)),
     ({"REQUEST_METHOD": "GET"}, b"", answer((405, "Method Not Allowed"), "only POST is accepted")),
+    ({"HTTP_HOST": "router.evil.example:80"}, GET_SSID, answer((403, "Forbidden"), "open the page by the device's address or name")),
     ({"CONTENT_TYPE": "text/plain"}, GET_SSID, answer((415, "Unsupported Media Type"), "the request must be application/json")),
     ({"CONTENT_TYPE": None}, GET_SSID, answer((415, "Unsupported Media Type"), "the request must be application/json")),
     ({"CONTENT_LENGTH": None}, GET_SSID, answer((411, "Length Required"), "the request has no length")),
@@ -45,7 +46,7 @@ BAD = (400, "Bad Request")
     ({}, b'{"method":"pref-get"', answer(BAD, "the request is not a JSON object")),
     ({}, b'{"method":"pref-get"}\0', answer(BAD, "the request is not a JSON object")),
     ({}, b'{"method":"upgrade","arguments":{}}', answer(BAD, "the method must be pref-get, pref-set or revalidate")),
-], ids=["reply", "4096", "405", "415", "415-none", "411", "413", "cut", "not-json", "nul", "method"])
+], ids=["reply", "4096", "405", "403", "415", "415-none", "411", "413", "cut", "not-json", "nul", "method"])
 def test_answers(bridge, env, body, out):
     env = {k: v for k, v in {**POST, "CONTENT_LENGTH": str(len(body)), **env}.items() if v is not None}
     assert cgi(bridge, env, body) == (0, out, b"")
