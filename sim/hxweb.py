@@ -46,7 +46,11 @@ KILLALL_STUB = """#!/bin/sh
 {log} "$0" "$@"
 [ "$*" = mini_httpd ] || exit 0
 pkill -x mini_httpd
-while ps -C mini_httpd -o stat= | grep -qv '^Z'; do sleep 0.05; done
+for i in $(seq 100); do
+	ps -C mini_httpd -o stat= | grep -qv '^Z' || exit 0
+	sleep 0.05
+done
+pkill -KILL -x mini_httpd
 """
 
 
@@ -74,15 +78,25 @@ class Forward:
         self.pid = netns_pid
         self.listener = socket.create_server(("127.0.0.1", port))
         self.port = self.listener.getsockname()[1]
-        self.done = threading.Event()
-        threading.Thread(target=self._accept, daemon=True).start()
+        self.open = set()  # the connections being served, closed by close()
+        self.lock = threading.Lock()
+        self.acceptor = threading.Thread(target=self._accept, daemon=True)
+        self.acceptor.start()
 
     def close(self):
-        self.done.set()
+        # shutdown wakes the thread blocked in accept(); close alone would not
+        self.listener.shutdown(socket.SHUT_RDWR)
         self.listener.close()
+        self.acceptor.join(5)
+        with self.lock:
+            for s in self.open:
+                try:
+                    s.shutdown(socket.SHUT_RDWR)
+                except OSError:
+                    pass
 
     def _accept(self):
-        while not self.done.is_set():
+        while True:
             try:
                 client, _ = self.listener.accept()
             except OSError:
@@ -118,7 +132,14 @@ class Forward:
                 return
             with server:
                 server.settimeout(None)
-                self._pump(client, server)
+                with self.lock:
+                    self.open |= {client, server}
+                try:
+                    self._pump(client, server)
+                except OSError:
+                    pass  # either side reset or closed: the connection ends
+                with self.lock:
+                    self.open -= {client, server}
 
     def _pump(self, client, server):
         head = b""

@@ -25,6 +25,7 @@ const HX = (() => {
     const abort = new AbortController();
     const timer = setTimeout(() => abort.abort(), TIMEOUT);
     let res;
+    let reply = null;
     try {
       res = await fetch(API, {
         method: 'POST',
@@ -34,6 +35,11 @@ const HX = (() => {
         credentials: 'same-origin',
         signal: abort.signal,
       });
+      // The time-out covers the body too: an answer can stall half way.
+      reply = await res.json().catch((e) => {
+        if (abort.signal.aborted) throw e;
+        return null;
+      });
     } catch (e) {
       const lost = new ApiError(abort.signal.aborted ? `no answer from the device after ${TIMEOUT / 1000} s`
         : 'no answer from the device (network error)');
@@ -41,12 +47,6 @@ const HX = (() => {
       throw lost;
     } finally {
       clearTimeout(timer);
-    }
-    let reply = null;
-    try {
-      reply = await res.json();
-    } catch (e) {
-      reply = null;
     }
     // The daemon's texts are shown as they are; one of them ends in a newline.
     const result = reply && typeof reply.result === 'string' ? reply.result.trim() : '';

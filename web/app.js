@@ -2,6 +2,12 @@
 // The five sections of the console. Everything shown is read from the
 // daemon, everything changed is written to it; the page keeps no settings.
 (() => {
+  // Inside another site's frame, a click meant for that site could press
+  // Reboot or Factory default here.
+  if (window.top !== window.self) {
+    document.body.textContent = 'The console opens only as a page of its own.';
+    return;
+  }
   const { prefGet, prefSet, revalidate, h, $, errors, act, step, sleep, size } = HX;
 
   const err = {};
@@ -66,11 +72,12 @@
         renderStatus(infos, confs);
         renderInternet(infos, confs);
         renderStorage(infos);
-        err.status('poll', '');
+        for (const section of ['status', 'internet', 'storage']) err[section]('poll', '');
         $('st-updated').textContent = `Updated ${new Date().toLocaleTimeString()}`;
       }
     } catch (e) {
-      err.status('poll', `Refresh: ${e.message}`);
+      // The three sections all show what this poll reads.
+      for (const section of ['status', 'internet', 'storage']) err[section]('poll', `Refresh: ${e.message}`);
     } finally {
       inFlight = false;
       timer = setTimeout(poll, again ? 0 : joining || copying ? FAST : SLOW);
@@ -256,13 +263,20 @@
     }
   }
 
-  function checkSsid(ssid, what) {
+  // The access point's file quotes its name and key as they are: a double
+  // quote or a backslash in them would end or escape the value there.
+  const quoting = /["\\]/;
+
+  function checkSsid(ssid, what, quoted) {
     if (!ssid || size(ssid) > 32) throw new Error(`${what}: 1 to 32 bytes`);
     if (control.test(ssid)) throw new Error(`${what}: no line breaks or control characters`);
+    if (quoted && quoting.test(ssid)) throw new Error(`${what}: no double quotes or backslashes`);
   }
 
+  // Both configuration files quote a WPA key as a pass phrase (8 to 63
+  // characters); 64 hexadecimal digits would be read as a too long one.
   function checkKey(kindOf, key) {
-    if (kindOf === 'wpa' && !/^[\x20-\x7e]{8,63}$|^[0-9a-fA-F]{64}$/.test(key)) {
+    if (kindOf === 'wpa' && !/^[\x20-\x7e]{8,63}$/.test(key)) {
       throw new Error('Password: 8 to 63 plain characters (letters, digits, punctuation)');
     }
     if (kindOf === 'wep' && !/^[\x20-\x7e]{5}$|^[\x20-\x7e]{13}$|^[0-9a-fA-F]{10}$|^[0-9a-fA-F]{26}$/.test(key)) {
@@ -273,10 +287,11 @@
   async function applyWifi() {
     $('wifi-ok').textContent = '';
     const ssid = $('wifi-ssid').value;
-    checkSsid(ssid, 'Network name');
+    checkSsid(ssid, 'Network name', true);
     const mode = $('wifi-security').value;
     const key = $('wifi-key').value;
     checkKey(keyKind(mode), key);
+    if (quoting.test(key)) throw new Error('Password: no double quotes or backslashes');
     const band = $('wifi-band').value;
     const confs = { wl_ssid: ssid };
     if (mode === 'none' || mode === 'wep') confs.wl_security = mode;
@@ -419,7 +434,8 @@
 
   async function join(ssid, sec, pass, mode) {
     await step('Saving', () => prefSet({ wan_type: mode, wan_sta_ssid: ssid, wan_sta_sec: sec, wan_sta_pass: pass }));
-    await step('Joining', () => revalidate({ wan: { action: 'restart' } }));
+    await step('Joining', () => revalidate({ wan: { action: 'restart' } }),
+      mode === 'wireless_sta_trust' ? 'in this mode the access point, and this page with it, goes off once the link is up' : '');
     joining = { ssid, until: Date.now() + JOIN_WAIT };
     $('sta-detail').textContent = `joining ${ssid}…`;
     kick();

@@ -4,6 +4,7 @@ import base64
 import json
 import os
 import re
+import time
 
 import pytest
 from selenium import webdriver
@@ -18,7 +19,7 @@ from hxweb import Web
 from helpers import wait_for
 
 SHOTS = os.path.join(os.environ.get("HX_BUILD") or os.path.join(REPO, "build"), "web-screenshots")
-INIT_LOG = "/var/log/hxsim/init.log"
+INIT_LOG, LEASES = "/var/log/hxsim/init.log", "/var/tmp/dnsmasq.leases"
 
 
 @pytest.fixture(scope="module")
@@ -93,15 +94,25 @@ def test_login_is_asked_and_checked(sandbox, web, browser):
     fill(browser, "login-pass", "s3cret")
     click(browser, "login-apply")
     wait_for(lambda: "\npassport=admin:" in sandbox.read_text("/etc/mini_httpd.conf"))
+    # the restart usually ends the connection carrying the answer too: either way the page says what comes
+    section = browser.find_element(By.ID, "system")
+    WebDriverWait(browser, 30).until(lambda _: re.search("log in with the new name|asks for the new login", section.text))
     asked = [(401, 'Basic realm="."')]
     assert [open_as(browser, web, login) for login in (None, "admin:wrong", "admin:s3cret")] == [asked, asked, [(200, None)]]
 
 
+HOSTILE = "<img/src=x/onerror=window.pwned=1>"  # a client names itself: text, never markup
+
+
 def test_status_shows_the_stores_and_the_device(sandbox, web, browser):
     sandbox.store_set("rtconf", "rootfs.ver", b"7.3.1-web\nbuilt for the browser test\0")
+    leases = sandbox.read_text(LEASES)
+    sandbox.write(LEASES, leases + f"{int(time.time()) + 3600} 02:00:00:00:00:66 192.168.100.66 {HOSTILE} *\n")
     open_as(browser, web, "admin:s3cret")
     assert "7.3.1-web" in text_of(browser, "st-fw", "7.3.1-web")
-    assert all(name in text_of(browser, "st-clients", name) for name in ("annas-iphone", "toms-laptop"))
+    assert all(name in text_of(browser, "st-clients", name) for name in ("annas-iphone", "toms-laptop", HOSTILE))
+    assert browser.execute_script("return [document.querySelectorAll('#st-clients img').length, window.pwned]") == [0, None]
+    sandbox.write(LEASES, leases)
     assert "USB_A1" in text_of(browser, "st-disks", "USB_A1")
     browser.save_screenshot(os.path.join(SHOTS, "page.png"))
     shot(browser, "status")
@@ -115,8 +126,8 @@ def test_wifi_name_is_stored_and_applied(sandbox, web, browser):
     assert "reconnect" in text_of(browser, "wifi-ok", "reconnect")
     assert sandbox.store_get("sysconf", "wl_ssid") == b'"NewName"\0'
     assert 'SSID="NewName"\n' in sandbox.read_text("/mnt/rwdata/uaputl.conf")
-    assert (cmds := sandbox.cmdlog())[-1] == ["/sbin/uaputl.exe", "bss_start"]
-    assert ["/sbin/uaputl.exe", "sys_config", "/mnt/rwdata/uaputl.conf"] in cmds
+    ap = [c[1:] for c in sandbox.cmdlog() if c[0] == "/sbin/uaputl.exe" and c[1] != "sta_list"]  # the poll lists stations
+    assert ap[-1] == ["bss_start"] and ["sys_config", "/mnt/rwdata/uaputl.conf"] in ap
     shot(browser, "wifi")
 
 
