@@ -112,7 +112,8 @@ def test_status_shows_the_stores_and_the_device(sandbox, web, browser):
     assert "7.3.1-web" in text_of(browser, "st-fw", "7.3.1-web")
     assert all(name in text_of(browser, "st-clients", name) for name in ("annas-iphone", "toms-laptop", HOSTILE))
     assert browser.execute_script("return [document.querySelectorAll('#st-clients img').length, window.pwned]") == [0, None]
-    sandbox.write(LEASES, leases)
+    sandbox.write(LEASES, leases)  # gone at the next refresh, without a reload
+    WebDriverWait(browser, 30).until(lambda _: HOSTILE not in browser.find_element(By.ID, "st-clients").text)
     assert "USB_A1" in text_of(browser, "st-disks", "USB_A1")
     browser.save_screenshot(os.path.join(SHOTS, "page.png"))
     shot(browser, "status")
