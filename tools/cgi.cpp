@@ -1,14 +1,11 @@
 #include "tools/cgi.h"
 
 #include <arpa/inet.h>
-#include <errno.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
-#include <time.h>
 #include <unistd.h>
 
 #include "tools/client.h"
@@ -107,33 +104,16 @@ void refuse(const Refusal &refusal)
 							       JSON_C_TO_STRING_NOSLASHESCAPE));
 }
 
-// Waits at most ms for standard input; false on time-out or error.
-bool input_ready(int ms)
-{
-	pollfd pfd = {STDIN_FILENO, POLLIN, 0};
-	int ready;
-	do
-		ready = poll(&pfd, 1, ms);
-	while (ready < 0 && errno == EINTR);
-	return ready > 0;
-}
-
 // Exactly length bytes of standard input into buf (NUL-terminated) within
 // body_timeout_ms; false when it ends or stalls sooner.
 bool read_body(char *buf, size_t length)
 {
-	timespec start;
-	clock_gettime(CLOCK_MONOTONIC, &start);
+	long long deadline = now_ms() + body_timeout_ms;
 	for (size_t got = 0; got < length;) {
-		timespec now;
-		clock_gettime(CLOCK_MONOTONIC, &now);
-		long spent = (now.tv_sec - start.tv_sec) * 1000 + (now.tv_nsec - start.tv_nsec) / 1000000;
-		if (spent >= body_timeout_ms || !input_ready(static_cast<int>(body_timeout_ms - spent)))
+		ssize_t n = read_by(STDIN_FILENO, deadline, {buf + got, length - got});
+		if (n <= 0)
 			return false;
-		ssize_t n = read(STDIN_FILENO, buf + got, length - got);
-		if (n == 0 || (n < 0 && errno != EINTR && errno != EAGAIN))
-			return false;
-		got += n > 0 ? static_cast<size_t>(n) : 0;
+		got += static_cast<size_t>(n);
 	}
 	buf[length] = '\0';
 	return true;
@@ -143,11 +123,11 @@ bool read_body(char *buf, size_t length)
 void drain_input()
 {
 	char buf[4096];
-	for (size_t total = 0; total < drain_max && input_ready(drain_idle_ms);) {
-		ssize_t n = read(STDIN_FILENO, buf, sizeof(buf));
-		if (n == 0 || (n < 0 && errno != EINTR))
+	for (size_t total = 0; total < drain_max;) {
+		ssize_t n = read_by(STDIN_FILENO, now_ms() + drain_idle_ms, buf);
+		if (n <= 0)
 			return;
-		total += n > 0 ? static_cast<size_t>(n) : 0;
+		total += static_cast<size_t>(n);
 	}
 }
 

@@ -59,34 +59,14 @@ int send_request(int fd, const char *path, std::string_view text)
 	return ok;
 }
 
-long long now_ms()
-{
-	timespec ts;
-	clock_gettime(CLOCK_MONOTONIC, &ts);
-	return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
-
 // One chunk of the reply into buf: its length, 0 at end of file, -1 on
 // time-out or error (reason printed).
 ssize_t read_chunk(int fd, long long deadline, int timeout, std::span<char> buf)
 {
-	pollfd pfd = {fd, POLLIN, 0};
-	int ready;
-	do {
-		long long left = deadline - now_ms();
-		ready = left > 0 ? poll(&pfd, 1, static_cast<int>(left)) : 0;
-	} while (ready < 0 && errno == EINTR);
-	if (ready == 0) {
+	ssize_t n = read_by(fd, deadline, buf);
+	if (n < 0 && errno == ETIMEDOUT)
 		warnx("no reply after %d s", timeout);
-		return -1;
-	}
-	ssize_t n = -1;
-	if (ready > 0) {
-		do
-			n = read(fd, buf.data(), buf.size());
-		while (n < 0 && errno == EINTR);
-	}
-	if (n < 0)
+	else if (n < 0)
 		warn("cannot read reply");
 	return n;
 }
@@ -120,6 +100,32 @@ int read_reply(int fd, int timeout, Ptr &reply)
 }
 
 }  // namespace
+
+long long now_ms()
+{
+	timespec ts;
+	clock_gettime(CLOCK_MONOTONIC, &ts);
+	return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+ssize_t read_by(int fd, long long deadline, std::span<char> buf)
+{
+	pollfd pfd = {fd, POLLIN, 0};
+	int ready;
+	do {
+		long long left = deadline - now_ms();
+		ready = left > 0 ? poll(&pfd, 1, static_cast<int>(left)) : 0;
+	} while (ready < 0 && errno == EINTR);
+	if (ready == 0)
+		errno = ETIMEDOUT;
+	if (ready <= 0)
+		return -1;
+	ssize_t n;
+	do
+		n = read(fd, buf.data(), buf.size());
+	while (n < 0 && errno == EINTR);
+	return n;
+}
 
 int exchange(const char *path, int timeout, std::string_view request, Ptr &reply)
 {
