@@ -12,9 +12,8 @@ import select
 import shutil
 import socket
 import threading
-import time
 
-from hxsim import LOG_ARGV, REPO
+from hxsim import LOG_ARGV, REPO, wait_until
 
 WEB_DIR = "/opt/web"
 HTTPD = "/usr/sbin/mini_httpd"
@@ -115,14 +114,14 @@ class Forward:
             os.close(fd)
         # The server may be restarting ("killall", then a start that binds
         # the port in the background): wait for it as a browser's retry would.
-        deadline = time.monotonic() + 30
-        while True:
+        def attempt():
             try:
                 return socket.create_connection(("127.0.0.1", 80), timeout=10)
             except ConnectionRefusedError:
-                if time.monotonic() > deadline:
-                    raise
-                time.sleep(0.05)
+                return None
+        if (server := wait_until(attempt, 30, 0.05)) is None:
+            raise ConnectionRefusedError("nothing listens on port 80 in the sandbox")
+        return server
 
     def _serve(self, client):
         with client:
@@ -173,17 +172,16 @@ class Forward:
         """Until the server's side of the connection from port has nothing
         left unread (its receive queue in /proc/net/tcp*) or is gone, at most
         30 s (a loaded machine may take long to let it accept and read)."""
-        deadline = time.monotonic() + 30
-        while time.monotonic() < deadline:
-            queues = []
-            for name in ("tcp", "tcp6"):
-                with open(f"/proc/{self.pid}/net/{name}") as f:
-                    rows = [line.split() for line in f.readlines()[1:]]
-                queues += [int(r[4].split(":")[1], 16) for r in rows
-                           if r[1].endswith(":0050") and r[2].endswith(f":{port:04X}")]
-            if not any(queues):
-                return
-            time.sleep(0.01)
+        wait_until(lambda: not any(self._unread(port)), 30)
+
+    def _unread(self, port):
+        queues = []
+        for name in ("tcp", "tcp6"):
+            with open(f"/proc/{self.pid}/net/{name}") as f:
+                rows = [line.split() for line in f.readlines()[1:]]
+            queues += [int(r[4].split(":")[1], 16) for r in rows
+                       if r[1].endswith(":0050") and r[2].endswith(f":{port:04X}")]
+        return queues
 
 
 class Web:

@@ -13,13 +13,13 @@ from selenium.webdriver.common.by import By
 from selenium.webdriver.support import expected_conditions as EC
 from selenium.webdriver.support.ui import WebDriverWait
 
-from hxdemo import Demo
+from hxdemo import LEASES, Demo
 from hxsim import REPO
 from hxweb import Web
 from helpers import wait_for
 
 SHOTS = os.path.join(os.environ.get("HX_BUILD") or os.path.join(REPO, "build"), "web-screenshots")
-INIT_LOG, LEASES = "/var/log/hxsim/init.log", "/var/tmp/dnsmasq.leases"
+INIT_LOG = "/var/log/hxsim/init.log"
 
 
 @pytest.fixture(scope="module")
